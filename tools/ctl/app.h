@@ -1,0 +1,65 @@
+// corvoctl: the frame that every verb stands in.
+//
+// A verb family registers its subcommands on the CLI11 application and leaves an action in the context;
+// main() runs the action, prints what came of it and turns it into the exit status. Families never print on
+// their own.
+#pragma once
+
+#include <json/value.h>
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace corvoctl {
+
+inline constexpr int kSchemaVersion = 1;
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
+
+// What a verb found out.
+struct Outcome {
+    int code = 0;                         // the library's result code; 0 is success
+    std::string failure;                  // a failure that has no code of the library's; empty: none
+    Json::Value data{Json::objectValue};  // for -j, and the facts behind `lines`
+    std::vector<std::string> lines;       // for people
+
+    bool ok() const { return code == 0 && failure.empty(); }
+};
+
+struct Context {
+    bool json = false;
+    bool show_log = false;
+    std::string log_file;
+    std::string verb;  // the words of the command, for the JSON report
+    std::function<Outcome()> action;
+
+    // Registers `run` as what `command` does. `run` is called after parsing, so it may read option variables.
+    void on(CLI::App* command, std::function<Outcome()> run);
+};
+
+// Runs the context's action, prints the report and returns the exit status.
+int report(Context& context);
+
+// An outcome that is just a result code.
+Outcome from_code(int code);
+
+// Runs `call` and returns what it wrote to standard output, line by line: some library functions print.
+std::vector<std::string> captured_stdout(const std::function<void()>& call);
+
+// The families.
+void add_presetup_verbs(CLI::App& app, Context& context);
+void add_tunnel_verbs(CLI::App& app, Context& context);
+void add_route_verbs(CLI::App& app, Context& context);
+void add_gateway_verbs(CLI::App& app, Context& context);
+void add_shaping_verbs(CLI::App& app, Context& context);
+void add_hub_verbs(CLI::App& app, Context& context);
+void add_service_verbs(CLI::App& app, Context& context);
+void add_netlink_verbs(CLI::App& app, Context& context);
+void add_check_verb(CLI::App& app, Context& context);
+void add_daemon_verbs(CLI::App& app, Context& context);
+void add_explain_verb(CLI::App& app, Context& context);
+
+}  // namespace corvoctl

@@ -1,0 +1,197 @@
+// corvoctl watch: the live view.
+//
+// The screen is composed as plain lines of a given width first (compose()), which is what the tests look at;
+// ncurses only puts them up. 80 columns by 24 lines are enough: what does not fit is cut, links first come
+// first.
+#include "ctl/watch.h"
+
+#include <corvosetup/routing.h>
+#include <ncurses.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+
+#include "ctl/app.h"
+#include "ctl/daemon.h"
+
+namespace corvoctl {
+
+namespace {
+
+volatile std::sig_atomic_t ended = 0;
+
+double number_at(const Json::Value& object, const char* key) {
+    return std::strtod(text_at(object, key).c_str(), nullptr);
+}
+
+std::string padded(std::string text, std::size_t width) {
+    text.resize(width, ' ');
+    return text;
+}
+
+// "12.3M"
+std::string rate_text(double bits) {
+    const char* const units[] = {"", "k", "M", "G"};
+    int unit = 0;
+    while (bits >= 1000 && unit < 3) {
+        bits /= 1000;
+        ++unit;
+    }
+    char text[32];
+    std::snprintf(text, sizeof text, bits < 10 && unit > 0 ? "%.1f%s" : "%.0f%s", bits, units[unit]);
+    return text;
+}
+
+std::string bar(double part, std::size_t width) {
+    const auto full =
+        static_cast<std::size_t>(std::lround(std::clamp(part, 0.0, 1.0) * static_cast<double>(width)));
+    return "[" + std::string(full, '#') + std::string(width - full, '.') + "]";
+}
+
+std::string usage(const Json::Value& figures, std::size_t width) {
+    const double rate = number_at(figures, "RATE");
+    const double ceil = number_at(figures, "CEIL");
+    return bar(ceil > 0 ? rate / ceil : 0, width) + " " + rate_text(rate) + "/" + rate_text(ceil);
+}
+
+// The weight of a device in the route lines that the kernel gave: "... dev wan1 weight 5 ...".
+std::string weight_of(const std::vector<std::string>& routes, const std::string& dev) {
+    for (const auto& line : routes) {
+        const auto at = line.find("dev " + dev + " ");
+        if (at == std::string::npos) continue;
+        const auto weight = line.find("weight ", at);
+        const auto next = line.find("nexthop", at);
+        if (weight == std::string::npos || weight > next) return "1";
+        return line.substr(weight + 7, line.find(' ', weight + 7) - weight - 7);
+    }
+    return "-";
+}
+
+void add_classes(std::vector<std::string>& lines, const Json::Value& link, std::size_t room) {
+    const Json::Value& classes = member_at(member_at(member_at(link, "report"), "QDM"), "COS");
+    if (!classes.isArray()) return;
+    std::vector<std::pair<std::string, const Json::Value*>> sorted;
+    for (const auto& entry : classes)
+        if (entry.isObject())
+            for (const auto& name : entry.getMemberNames()) sorted.emplace_back(name, &entry[name]);
+    std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) {
+        return a.first.size() != b.first.size() ? a.first.size() < b.first.size() : a.first < b.first;
+    });
+    for (std::size_t i = 0; i < sorted.size() && i < room; ++i)
+        lines.push_back("    " + padded(sorted[i].first, 7) + usage(*sorted[i].second, 20));
+}
+
+std::vector<std::string> kernel_routes() {
+    route_conf all{};
+    all.table = 253;
+    return captured_stdout([&] { edit_route(3, &all); });
+}
+
+void show(const std::vector<std::string>& lines) {
+    erase();
+    for (std::size_t i = 0; i < lines.size() && static_cast<int>(i) < LINES; ++i) {
+        const bool alarm = lines[i].find(" down ") != std::string::npos || lines[i].rfind("!", 0) == 0;
+        if (i == 0) attron(A_REVERSE);
+        if (alarm) attron(A_BOLD);
+        mvaddnstr(static_cast<int>(i), 0, lines[i].c_str(), COLS);
+        if (alarm) attroff(A_BOLD);
+        if (i == 0) attroff(A_REVERSE);
+    }
+    refresh();
+}
+
+int watch_plain(unsigned interval) {
+    while (ended == 0) {
+        const DaemonReply reply = ask_daemon("get_state");
+        if (!reply.failure.empty()) return kExitFailed;
+        for (const auto& line : compose(reply.data, kernel_routes(), std::time(nullptr), {120, 60}))
+            std::cout << line << '\n';
+        std::cout << std::endl;
+        if (!std::cout) return kExitOk;
+        ::sleep(interval);
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+std::vector<std::string> compose(const Json::Value& state, const std::vector<std::string>& routes, long now,
+                                 Screen screen) {
+    std::vector<std::string> lines;
+    const auto age = [now](const Json::Value& object, const char* key) {
+        return age_text(now - std::strtol(text_at(object, key).c_str(), nullptr, 10));
+    };
+    char clock[16] = "";
+    const std::time_t seconds = now;
+    std::tm parts{};
+    if (localtime_r(&seconds, &parts) != nullptr) std::strftime(clock, sizeof clock, "%H:%M:%S", &parts);
+    lines.push_back(padded("corvo edge " + text_at(state, "device_id") + "  hub " + text_at(state, "hub") +
+                               "  up " + age(state, "started") + "  " + clock,
+                           screen.columns));
+    const Json::Value& last = member_at(state, "last_apply");
+    if (text_at(last, "good") != "true") {
+        lines.push_back("! documents refused " + age(last, "time") + " ago:");
+        for (const auto& problem : member_at(last, "problems")) lines.push_back("!   " + problem.asString());
+    }
+    const Json::Value& failed = member_at(state, "failed_steps");
+    if (failed.isObject())
+        for (const auto& key : failed.getMemberNames())
+            lines.push_back("! " + key + " failed: " + failed[key].asString());
+
+    lines.push_back(padded("LINK", 11) + padded("STATE", 9) + padded("SINCE", 8) + padded("NEIGHBOUR", 12) +
+                    padded("WEIGHT", 7) + "EGRESS");
+    const Json::Value& links = member_at(state, "links");
+    const std::size_t events_room = 6;
+    const std::size_t used = lines.size() + links.size() + events_room + 1;
+    const std::size_t spare = screen.rows > used ? screen.rows - used : 0;
+    for (const auto& link : links) {
+        const Json::Value& report = member_at(link, "report");
+        const std::string neighbour = text_at(member_at(report, "ARP"), "neigh_status");
+        const std::string name = text_at(link, "ifname");
+        lines.push_back(padded(name, 10) + " " + padded(text_at(link, "status"), 8) + " " +
+                        padded(age(link, "since"), 8) + padded(neighbour.empty() ? "-" : neighbour, 12) +
+                        padded(weight_of(routes, name), 7) + usage(member_at(report, "QDM"), 16));
+        add_classes(lines, link, links.empty() ? 0 : spare / links.size());
+    }
+    lines.emplace_back("EVENTS");
+    const Json::Value& events = member_at(state, "events");
+    const Json::ArrayIndex count = events.isArray() ? events.size() : 0;
+    for (Json::ArrayIndex i = 0; i < count && i < events_room - 1; ++i) {
+        const Json::Value& entry = events[count - 1 - i];
+        lines.push_back("  " + padded(age(entry, "time") + " ago", 12) + text_at(entry, "text"));
+    }
+    if (lines.size() > screen.rows) lines.resize(screen.rows);
+    for (auto& line : lines)
+        if (line.size() > screen.columns) line.resize(screen.columns);
+    return lines;
+}
+
+int watch(unsigned interval, bool plain) {
+    std::signal(SIGINT, [](int) { ended = 1; });
+    std::signal(SIGTERM, [](int) { ended = 1; });
+    if (plain || ::isatty(1) == 0) return watch_plain(interval);
+    const bool answered = ask_daemon("get_state").failure.empty();
+    if (!answered) return kExitFailed;
+    initscr();
+    cbreak();
+    noecho();
+    curs_set(0);
+    timeout(static_cast<int>(interval) * 1000);
+    while (ended == 0) {
+        const DaemonReply reply = ask_daemon("get_state");
+        const Screen screen{static_cast<std::size_t>(COLS), static_cast<std::size_t>(LINES)};
+        show(reply.failure.empty() ? compose(reply.data, kernel_routes(), std::time(nullptr), screen)
+                                   : std::vector<std::string>{"! " + reply.failure});
+        const int key = getch();
+        if (key == 'q' || key == 'Q') break;
+    }
+    endwin();
+    return kExitOk;
+}
+
+}  // namespace corvoctl

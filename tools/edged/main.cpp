@@ -1,0 +1,137 @@
+// corvo-edged: brings an edge up from its documents, watches its links, and answers for it.
+#include <corvosetup/log.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+#include <vx_serve.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+
+#include "edged/edge.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Signals arrive as data: nothing runs in a handler. Blocked before the first thread starts, so every thread
+// inherits the mask.
+int open_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, number);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    return ::signalfd(-1, &set, SFD_CLOEXEC);
+}
+
+std::string answer(int error, const Json::Value& data = Json::Value()) {
+    Json::Value reply(Json::objectValue);
+    reply["error"] = error;
+    if (!data.isNull()) reply["data"] = data;
+    return edged::compact(reply);
+}
+
+void serve(vx::Server& server, const edged::Edge& edge, int reload_fd) {
+    server.handle("corvo", "get_state",
+                  [&edge](const vx::Call&) { return vx::Reply::text(answer(0, edge.state())); });
+    server.handle("corvo", "links",
+                  [&edge](const vx::Call&) { return vx::Reply::text(answer(0, edge.links())); });
+    server.handle("corvo", "reload", [reload_fd](const vx::Call&) {
+        const std::uint64_t one = 1;
+        const bool asked = ::write(reload_fd, &one, sizeof one) == sizeof one;
+        return vx::Reply::text(answer(asked ? 0 : -3001));
+    });
+}
+
+// Returns when the daemon was asked to end.
+void run(edged::Edge& edge, int signals, int reload) {
+    std::uint64_t watchdog_us = 0;
+    const bool watchdog = sd_watchdog_enabled(0, &watchdog_us) > 0;
+    pollfd wait[2] = {{signals, POLLIN, 0}, {reload, POLLIN, 0}};
+    for (;;) {
+        if (watchdog) sd_notify(0, "WATCHDOG=1");
+        const int ready = ::poll(wait, 2, 500);
+        if (ready < 0 && errno != EINTR) return;
+        bool apply = false;
+        if (ready > 0 && wait[0].revents != 0) {
+            signalfd_siginfo info{};
+            if (::read(signals, &info, sizeof info) == sizeof info && info.ssi_signo != SIGHUP) return;
+            apply = true;
+        }
+        if (ready > 0 && wait[1].revents != 0) {
+            std::uint64_t count = 0;
+            apply = ::read(reload, &count, sizeof count) == sizeof count || apply;
+        }
+        if (apply) {
+            sd_notify(0, "RELOADING=1");
+            edge.apply();
+            sd_notify(0, "READY=1");
+        }
+        edge.tick();
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    edged::Options options;
+    std::string runtime_dir;
+    std::string log_file;
+    unsigned hub_interval = 60;
+    CLI::App app{
+        "Brings an SD-WAN edge up from its documents and watches its links.\n"
+        "SIGHUP reads the documents again and changes what changed; SIGTERM ends the monitors and leaves the "
+        "data "
+        "plane as it is configured."};
+    app.name("corvo-edged");
+    app.add_option("--documents", options.documents, "Directory of the documents")->capture_default_str();
+    app.add_option("--state-dir", options.state_directory, "Where the daemon keeps what it has applied")
+        ->capture_default_str();
+    app.add_option("--runtime-dir", runtime_dir, "Where the services' sockets are (default /run/vx)");
+    app.add_option("--log-file", log_file, "Log here instead of /var/log/network/corvo.log");
+    app.add_option("--hub-test", options.hub_test, "How the active hub is tested")
+        ->transform(
+            CLI::CheckedTransformer(std::map<std::string, edged::HubTest>{{"none", edged::HubTest::kNone},
+                                                                          {"udp", edged::HubTest::kUdp},
+                                                                          {"ping", edged::HubTest::kPing}}));
+    app.add_option("--hub-interval", hub_interval, "Seconds between hub tests")->capture_default_str();
+    app.add_flag("--clear-on-exit", options.clear_on_exit, "Remove the data plane when ending");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    options.hub_interval = std::chrono::seconds(hub_interval);
+
+    const int signals = open_signals();
+    const int reload = ::eventfd(0, EFD_CLOEXEC);
+    if (signals < 0 || reload < 0) {
+        std::perror("corvo-edged");
+        return 1;
+    }
+    if (!runtime_dir.empty()) ::setenv("VX_RUNTIME_DIR", runtime_dir.c_str(), 1);
+    try {
+        std::filesystem::create_directories(options.state_directory);
+        if (log_file.empty())
+            std::filesystem::create_directories(std::filesystem::path(log_target).parent_path());
+        reopen_setup_logger(log_file.empty() ? log_target : log_file);
+        edged::Edge edge(options);
+        const vx::ServerThread service([&](vx::Server& server) { serve(server, edge, reload); });
+        edge.apply();
+        sd_notify(0, "READY=1");
+        run(edge, signals, reload);
+        sd_notify(0, "STOPPING=1");
+        edge.take_down();
+    } catch (const std::exception& error) {
+        std::cerr << "corvo-edged: " << error.what() << '\n';
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,197 @@
+#include "edged/routes.h"
+
+#include <corvosetup/privatelink.h>
+#include <corvosetup/rglink.h>
+#include <corvosetup/tun.h>
+#include <corvosetup/tun6.h>
+#include <corvosetup/utils.h>
+
+#include <algorithm>
+#include <fstream>
+#include <set>
+
+namespace edged {
+
+namespace {
+
+// A document applied to one link, or (IPv6 and regional routes) to all of them at once.
+struct Target {
+    std::string key;
+    std::string ifname;
+    int fingerprint = 0;  // changes when a device that the routes leave by is another one
+};
+
+bool is_private(const std::string& type) {
+    return type.rfind("private_", 0) == 0;
+}
+bool is_per_link(const std::string& type) {
+    return type.back() != '6' && type != "regional";
+}
+
+int index_of(const LinkKind& kind, const Json::Value& element) {
+    return get_ifindex(kind.device(element).c_str());
+}
+
+std::vector<Target> targets_of(const RouteDocument& document, const Desired& desired) {
+    std::vector<Target> out;
+    const std::string key = "route:" + document.type + ":" + document.ifname + ":";
+    const LinkKind& kind = is_private(document.type) ? kPrivate : kTunnel;
+    const auto& links = is_private(document.type) ? desired.privates : desired.wans;
+    if (is_per_link(document.type)) {
+        for (const auto& [name, element] : links)
+            if (document.ifname.empty() || document.ifname == name)
+                out.push_back({key + name, name, index_of(kind, element)});
+        return out;
+    }
+    const bool regional = document.type == "regional";
+    Target all{key, "", 0};
+    for (const auto& [name, element] : regional ? desired.regionals : desired.wans)
+        all.fingerprint = all.fingerprint * 31 + index_of(regional ? kRegional : kTunnel6, element);
+    out.push_back(all);
+    return out;
+}
+
+int call_library(const RouteDocument& document, const Target& target, std::string path) {
+    std::string type = document.type;
+    std::string ifname = target.ifname;
+    if (type == "regional") return setup_regional_route(type, path);
+    if (type.back() == '6') return setup_tun_route6(type, path);
+    return is_private(type) ? setup_private_route(ifname, type, path) : setup_tun_route(ifname, type, path);
+}
+
+Json::Value list_of(const Json::Value& document, const char* name) {
+    const Json::Value found = document.isObject() ? document.get(name, Json::arrayValue) : Json::Value();
+    return found.isArray() ? found : Json::Value(Json::arrayValue);
+}
+
+// The document that leads from `old` to `fresh`: routes that are gone are deleted, new and changed ones
+// added, all others not touched, so that traffic over them is not disturbed. A changed route is one of equal
+// site and destination; adding it replaces it.
+Json::Value difference(const Json::Value& old, const Json::Value& fresh) {
+    Json::Value out(Json::objectValue);
+    out["del"] = list_of(fresh, "del");
+    out["add"] = Json::Value(Json::arrayValue);
+    std::set<std::string> old_texts;
+    for (const auto& element : list_of(old, "add")) old_texts.insert(compact(element));
+    std::set<std::string> kept_keys;
+    const auto key = [](const Json::Value& element) {
+        return text_of(element, "SITE") + " " +
+               compact(element.isObject() ? element.get("DEST", "") : Json::Value());
+    };
+    for (const auto& element : list_of(fresh, "add")) {
+        kept_keys.insert(key(element));
+        if (!old_texts.count(compact(element))) out["add"].append(element);
+    }
+    for (const auto& element : list_of(old, "add"))
+        if (!kept_keys.count(key(element))) out["del"].append(element);
+    return out;
+}
+
+int apply_difference(const RouteDocument& document, const Target& target, const Json::Value& old,
+                     const std::string& work_directory) {
+    const std::string path = work_directory + "/route-change.json";
+    {
+        std::ofstream out(path, std::ios::trunc);
+        out << compact(difference(old, document.root)) << '\n';
+        if (!out.flush()) return -3016;
+    }
+    return call_library(document, target, path);
+}
+
+void apply_target(const RouteDocument& document, const Target& target, const std::string& work_directory,
+                  Ledger& ledger, Report& report) {
+    if (ledger.fits(target.key, document.root, target.fingerprint)) {
+        report.change(target.key, Change::kAdopted, 0);
+        return;
+    }
+    const Json::Value recorded = ledger.record(target.key);
+    const bool same_devices = recorded.isObject() && recorded["ifindex"] == target.fingerprint;
+    const int code = same_devices ? apply_difference(document, target, recorded["applied"], work_directory)
+                                  : call_library(document, target, document.path);
+    if (code == 0)
+        ledger.put(target.key, document.root, target.fingerprint);
+    else
+        ledger.drop(target.key);
+    report.change(target.key,
+                  code != 0      ? Change::kFailed
+                  : same_devices ? Change::kReplaced
+                                 : Change::kCreated,
+                  code);
+}
+
+// Documents that are gone: their routes are deleted.
+void remove_vanished(const Desired& desired, const std::set<std::string>& wanted,
+                     const std::string& work_directory, Ledger& ledger, Report& report) {
+    for (const auto& key : ledger.keys("route:")) {
+        if (wanted.count(key)) continue;
+        RouteDocument gone;
+        const auto first = key.find(':');
+        const auto second = key.find(':', first + 1);
+        const auto third = key.find(':', second + 1);
+        gone.type = key.substr(first + 1, second - first - 1);
+        gone.ifname = key.substr(second + 1, third - second - 1);
+        gone.root = Json::Value(Json::objectValue);
+        const Target target{key, key.substr(third + 1), 0};
+        const auto& links = is_private(gone.type) ? desired.privates : desired.wans;
+        int code = 0;
+        // With its link the routes went too.
+        if (!is_per_link(gone.type) || links.count(target.ifname))
+            code = apply_difference(gone, target, ledger.record(key)["applied"], work_directory);
+        ledger.drop(key);
+        report.change(key, code == 0 ? Change::kRemoved : Change::kFailed, code);
+    }
+}
+
+}  // namespace
+
+void apply_routes(const Desired& desired, const std::string& work_directory, Ledger& ledger, Report& report) {
+    std::set<std::string> wanted;
+    for (const auto& document : desired.routes)
+        for (const auto& target : targets_of(document, desired)) wanted.insert(target.key);
+    remove_vanished(desired, wanted, work_directory, ledger, report);
+    for (const auto& document : desired.routes)
+        for (const auto& target : targets_of(document, desired))
+            apply_target(document, target, work_directory, ledger, report);
+}
+
+void restore_default_tables(const Desired& desired, Ledger& ledger, Report& report) {
+    for (const auto& document : desired.routes) {
+        if (document.type != "default" && document.type != "private_default") continue;
+        for (const auto& target : targets_of(document, desired)) {
+            const int code = call_library(document, target, document.path);
+            if (code != 0) {
+                ledger.drop(target.key);
+                report.change(target.key, Change::kFailed, code);
+            }
+        }
+    }
+    for (const auto& [name, element] : desired.privates) {
+        Json::Value copy = element;
+        PrivateLink link(text_of(element, "slave"), copy);
+        if (link.obtain_ifindex() > 0) link.presetup_tun_routing();
+    }
+}
+
+void apply_private_routes(const Desired& desired, Ledger& ledger, Report& report) {
+    for (const auto& [name, element] : desired.privates) {
+        const std::string key = "private-routes:" + name;
+        const int index = index_of(kPrivate, element);
+        if (index <= 0) continue;
+        Json::Value made_from(Json::objectValue);
+        made_from["site"] = desired.site;
+        const Json::Value recorded = ledger.record(key);
+        if (ledger.fits(key, made_from, index)) continue;
+        // Bringing the link up installed them; only another site document makes them stale.
+        if (recorded.isObject() && recorded["ifindex"] == index) {
+            Json::Value copy = element;
+            PrivateLink link(text_of(element, "slave"), copy);
+            link.destroy_tun_route(1 | 2 | 4);
+            const int code = link.presetup_tun_routing();
+            report.change(key, code == 0 ? Change::kReplaced : Change::kFailed, code);
+            if (code != 0) continue;
+        }
+        ledger.put(key, made_from, index);
+    }
+}
+
+}  // namespace edged
