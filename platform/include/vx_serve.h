@@ -1,9 +1,9 @@
 // Serving methods over the reference service-call library: what the device's services would do.
 //
-//   vx::Server server;
-//   server.handle("corvo", "get_state", [](const vx::Call& call) { return vx::Reply::text("{\"error\":0}");
-//   }); server.open();              // sockets are there, callers can connect server.run(stop_fd);        //
-//   until stop_fd is readable
+//     vx::Server server;
+//     server.handle("corvo", "get_state", [](const vx::Call&) { return vx::Reply::text(R"({"error":0})"); });
+//     server.open();        // the sockets are there, callers can connect
+//     server.run(stop_fd);  // until stop_fd is readable
 //
 // One thread serves everything: sockets never block, a connection that sends or reads slowly costs its own
 // time limit and nobody else's. A handler does block the others while it runs; keep it short, or answer with

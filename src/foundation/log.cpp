@@ -99,7 +99,7 @@ void open_stream(const std::string& path) {
 }
 
 void reopen_locked(const std::string& path) {
-    tzset();  // lines are stamped without a look at the zone's file; a new zone is picked up here
+    tzset();
     open_stream(path);
     if (log_target != path) log_target = path;
     corvo::log::Message message;
@@ -144,11 +144,24 @@ void drop_failed_line(const struct stat& before) {
     open_stream(log_target);
 }
 
+// The local time in the zone that was last looked up. A line costs no look at the zone's file: a zone that
+// changes is picked up when an entry point looks after the log, and when it is reopened.
+std::string time_text() {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    char buffer[64] = "";
+    if (localtime_r(&now, &parts) != nullptr && asctime_r(&parts, buffer) == nullptr) buffer[0] = '\0';
+    std::string text = buffer;
+    const auto end = text.find('\n');
+    if (end == std::string::npos) return text + " >>> ";
+    return text.replace(end, 1, " >>> ");
+}
+
 void write_locked(corvo::log::Level level, std::string_view text, bool ends_line) {
     if (log_closed) return;
     struct stat info {};
     std::string line = check_locked(log_target, info);
-    line.append(level_word(level)).append(get_cur_time()).append(text);
+    line.append(level_word(level)).append(time_text()).append(text);
     if (!ends_line) line.push_back('\n');
     if (!setup_logger.good()) setup_logger.clear();
     setup_logger.write(line.data(), static_cast<std::streamsize>(line.size()));
@@ -160,14 +173,8 @@ void write_locked(corvo::log::Level level, std::string_view text, bool ends_line
 
 std::string get_cur_time() {
     return corvo::guarded_or(std::string(" >>> "), [] {
-        const std::time_t now = std::time(nullptr);
-        std::tm parts{};
-        char buffer[64] = "";
-        if (localtime_r(&now, &parts) != nullptr && asctime_r(&parts, buffer) == nullptr) buffer[0] = '\0';
-        std::string text = buffer;
-        const auto end = text.find('\n');
-        if (end == std::string::npos) return text + " >>> ";
-        return text.replace(end, 1, " >>> ");
+        tzset();
+        return time_text();
     });
 }
 
@@ -218,6 +225,7 @@ void write(Level level, std::string_view text, bool ends_line) {
 void ensure_file() {
     guarded_void([] {
         NoCancel no_cancel;
+        tzset();
         std::lock_guard hold(log_lock);
         if (log_closed || does_file_exist(log_target)) return;
         close_stream();

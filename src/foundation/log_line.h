@@ -43,7 +43,7 @@ private:
 void write(Level level, std::string_view text, bool ends_line);
 
 // Called by every daemon-facing entry point before its first line: when the log file was deleted or moved
-// away, the stream is reopened, which creates it again.
+// away, the stream is reopened, which creates it again. A change of the time zone is picked up here, too.
 void ensure_file();
 
 namespace detail {

@@ -1,6 +1,8 @@
 // Configuration documents: from the service, else from the file.
 #include "corvosetup/cfg_file.h"
 
+#include <pthread.h>
+
 #include "service_fixture.h"
 
 namespace {
@@ -109,6 +111,27 @@ TEST_F(CfgFileTest, ServiceErrorIs3019AndLogged) {
     reply("{}");
     EXPECT_EQ(cfg.vesta_to_json(), -3019);
     EXPECT_EQ(lines().back(), "[ERROR] VXservice get error: -3001");
+}
+
+TEST_F(CfgFileTest, CancellationThatCannotBeDisabledIsLoggedBeforeTheLoadGoesOn) {
+    reply(R"({"error":0,"data":{"a":1}})");
+    fake_process::refuse_cancel_state(PTHREAD_CANCEL_DISABLE);
+    CfgFile cfg(path_);
+    fake_process::reset();
+    EXPECT_EQ(cfg.get_cfg_flag(), 1);
+    EXPECT_EQ(lines(), (Lines{"[ERROR] pthread cancel disable error", from_service()}));
+}
+
+TEST_F(CfgFileTest, CancellationThatCannotBeEnabledIsLoggedBeforeTheFileIsTried) {
+    service_refuses();
+    put(path_, "{}");
+    fake_process::refuse_cancel_state(PTHREAD_CANCEL_ENABLE);
+    CfgFile cfg(path_);
+    fake_process::reset();
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    EXPECT_EQ(cfg.get_cfg_flag(), 2);
+    EXPECT_EQ(lines(),
+              (Lines{from_service(), call_failed(), "[ERROR] pthread cancel enable error", from_file()}));
 }
 
 TEST_F(CfgFileTest, FailedReloadKeepsFlagAndDocument) {

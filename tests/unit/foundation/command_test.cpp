@@ -100,7 +100,57 @@ TEST_F(RunnerTest, OutputCanBeThrownAway) {
     EXPECT_EQ(content_of(dir_ / "stdout"), "loud\n");
 }
 
-TEST_F(RunnerTest, LimitEndsTheWholeGroup) {
+TEST_F(RunnerTest, StoppedWorkerEndsTheCommandThatItReads) {
+    std::string output;
+    std::thread* thread = corvo::Worker::start(
+        [&] { corvo::capture_shell("echo first; touch " + (dir_ / "up") + "; sleep 100 | cat", output); });
+    wait_for(dir_ / "up");
+    const auto start = Clock::now();
+    corvo::Worker::stop(thread);
+    EXPECT_LT(Clock::now() - start, 10s);
+    EXPECT_TRUE(no_child_left());
+}
+
+TEST_F(RunnerTest, ThreadCancelledAsItsCommandEndsLeavesNoChild) {
+    NEEDS_CANCELLATION();
+    fake_process::cancel_at_wait();
+    std::atomic<int> status{-2};
+    std::thread daemon_thread([&] {
+        status = corvo::run_command({"/bin/true"});
+        pthread_testcancel();
+        ADD_FAILURE() << "the cancellation was lost";
+    });
+    daemon_thread.join();
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(no_child_left());
+}
+
+// ---- waiting for a child, with a descriptor of the process and, where the kernel or the process has none
+// left, by looking again and again
+
+enum class By { kDescriptor, kLooking };
+
+class WaitingTest : public RunnerTest, public ::testing::WithParamInterface<By> {
+protected:
+    WaitingTest() {
+        if (GetParam() == By::kLooking) fake_process::refuse_process_descriptors();
+    }
+};
+
+TEST_P(WaitingTest, GivesTheWaitStatus) {
+    EXPECT_EQ(corvo::run_command({"/bin/true"}), 0);
+    EXPECT_EQ(WEXITSTATUS(corvo::run_command({"/bin/sh", "-c", "sleep 0.05; exit 7"})), 7);
+    EXPECT_EQ(WTERMSIG(corvo::run_command({"/bin/sh", "-c", "kill -9 $$"})), 9);
+    EXPECT_TRUE(no_child_left());
+}
+
+TEST_P(WaitingTest, ChildWhoseStatusTheDaemonTakesCountsAsSuccessful) {
+    const auto old = ::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(corvo::run_command({"/bin/sh", "-c", "sleep 0.05; exit 7"}), 0);
+    ::signal(SIGCHLD, old);
+}
+
+TEST_P(WaitingTest, LimitEndsTheWholeGroup) {
     const auto start = Clock::now();
     EXPECT_EQ(WTERMSIG(corvo::run_command_within({"/bin/sh", "-c", "sleep 100 | sleep 100"}, 200ms)),
               SIGKILL);
@@ -108,7 +158,7 @@ TEST_F(RunnerTest, LimitEndsTheWholeGroup) {
     EXPECT_EQ(corvo::run_command_within({"/bin/true"}, 20s), 0);
 }
 
-TEST_F(RunnerTest, StoppedWorkerEndsTheCommandThatItWaitsFor) {
+TEST_P(WaitingTest, StoppedWorkerEndsTheCommandThatItWaitsFor) {
     std::atomic<int> status{-2};
     std::thread* thread = corvo::Worker::start([&] {
         status = corvo::run_command({"/bin/sh", "-c", "touch " + (dir_ / "up") + "; sleep 100"});
@@ -121,18 +171,7 @@ TEST_F(RunnerTest, StoppedWorkerEndsTheCommandThatItWaitsFor) {
     EXPECT_TRUE(no_child_left());
 }
 
-TEST_F(RunnerTest, StoppedWorkerEndsTheCommandThatItReads) {
-    std::string output;
-    std::thread* thread = corvo::Worker::start(
-        [&] { corvo::capture_shell("echo first; touch " + (dir_ / "up") + "; sleep 100 | cat", output); });
-    wait_for(dir_ / "up");
-    const auto start = Clock::now();
-    corvo::Worker::stop(thread);
-    EXPECT_LT(Clock::now() - start, 10s);
-    EXPECT_TRUE(no_child_left());
-}
-
-TEST_F(RunnerTest, StopDoesNotCutACommandWithALimitShort) {
+TEST_P(WaitingTest, StopDoesNotCutACommandWithALimitShort) {
     std::atomic<int> status{-2};
     std::thread* thread = corvo::Worker::start([&] {
         status = corvo::run_command_within({"/bin/sh", "-c", "touch " + (dir_ / "up") + "; sleep 0.3"}, 20s);
@@ -142,7 +181,7 @@ TEST_F(RunnerTest, StopDoesNotCutACommandWithALimitShort) {
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(RunnerTest, CancelledThreadLeavesNoChildAndNoDescriptor) {
+TEST_P(WaitingTest, CancelledThreadLeavesNoChildAndNoDescriptor) {
     NEEDS_CANCELLATION();
     const int before = open_descriptors();
     std::thread daemon_thread([&] {
@@ -159,19 +198,12 @@ TEST_F(RunnerTest, CancelledThreadLeavesNoChildAndNoDescriptor) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(RunnerTest, ThreadCancelledAsItsCommandEndsLeavesNoChild) {
-    NEEDS_CANCELLATION();
-    fake_process::cancel_at_wait();
-    std::atomic<int> status{-2};
-    std::thread daemon_thread([&] {
-        status = corvo::run_command({"/bin/true"});
-        pthread_testcancel();
-        ADD_FAILURE() << "the cancellation was lost";
-    });
-    daemon_thread.join();
-    EXPECT_EQ(status, 0);
-    EXPECT_TRUE(no_child_left());
-}
+INSTANTIATE_TEST_SUITE_P(Child, WaitingTest, ::testing::Values(By::kDescriptor, By::kLooking),
+                         [](const auto& info) {
+                             return info.param == By::kDescriptor ? "Descriptor" : "Looking";
+                         });
+
+// ---- texts
 
 TEST(Words, AreCutAtBlanksOnly) {
     EXPECT_EQ(corvo::split_words("  a b\t c;d  "), (std::vector<std::string>{"a", "b", "c;d"}));

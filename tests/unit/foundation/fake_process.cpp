@@ -1,12 +1,16 @@
 #include "fake_process.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <pthread.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstdarg>
 #include <mutex>
 
 namespace fake_process {
@@ -21,10 +25,12 @@ struct Replacement {
 std::mutex lock;
 std::vector<Replacement> replacements;
 std::vector<Argv> starts;
+std::vector<std::string> directories;
 int start_error = 0;
 std::atomic<int> nprocs{0};
 std::atomic<int> refused_state{-1};
 std::atomic<bool> cancel_next_wait{false};
+std::atomic<bool> no_process_descriptors{false};
 
 }  // namespace
 
@@ -54,14 +60,25 @@ void cancel_at_wait() {
     cancel_next_wait = true;
 }
 
+void refuse_process_descriptors() {
+    no_process_descriptors = true;
+}
+
+std::vector<std::string> opened_directories() {
+    const std::lock_guard hold(lock);
+    return directories;
+}
+
 void reset() {
     const std::lock_guard hold(lock);
     replacements.clear();
     starts.clear();
+    directories.clear();
     start_error = 0;
     nprocs = 0;
     refused_state = -1;
     cancel_next_wait = false;
+    no_process_descriptors = false;
 }
 
 }  // namespace fake_process
@@ -122,6 +139,31 @@ __attribute__((visibility("default"))) pid_t waitpid(pid_t pid, int* status, int
     static const auto real = reinterpret_cast<Real>(::dlsym(RTLD_NEXT, "waitpid"));
     if (cancel_next_wait.exchange(false)) pthread_cancel(pthread_self());
     return real(pid, status, options);
+}
+
+__attribute__((visibility("default"))) DIR* opendir(const char* name) {
+    using Real = decltype(&opendir);
+    static const auto real = reinterpret_cast<Real>(::dlsym(RTLD_NEXT, "opendir"));
+    {
+        const std::lock_guard hold(lock);
+        directories.emplace_back(name);
+    }
+    return real(name);
+}
+
+__attribute__((visibility("default"))) long syscall(long number, ...) noexcept {
+    using Real = long (*)(long, long, long, long, long, long, long);
+    static const auto real = reinterpret_cast<Real>(::dlsym(RTLD_NEXT, "syscall"));
+    if (number == SYS_pidfd_open && no_process_descriptors) {
+        errno = ENOSYS;
+        return -1;
+    }
+    va_list list;
+    va_start(list, number);
+    long a[6];
+    for (long& argument : a) argument = va_arg(list, long);
+    va_end(list);
+    return real(number, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
 
 }  // extern "C"

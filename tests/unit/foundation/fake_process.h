@@ -29,6 +29,12 @@ void refuse_cancel_state(int state);
 // The next waitpid() asks for the cancellation of its thread first, as a daemon may at any moment.
 void cancel_at_wait();
 
+// syscall(SYS_pidfd_open) fails, as on a kernel that does not have it.
+void refuse_process_descriptors();
+
+// What opendir() was called with, in order.
+std::vector<std::string> opened_directories();
+
 void reset();
 
 }  // namespace fake_process

@@ -2,9 +2,13 @@
 #include "corvosetup/log.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <optional>
 #include <regex>
 #include <thread>
 
@@ -103,6 +107,57 @@ TEST_F(LogTest, TimeNeverContainsALineBreakAndEndsInTheArrow) {
     EXPECT_EQ(text.find('\n'), std::string::npos);
     EXPECT_TRUE(text.ends_with(" >>> ")) << text;
     EXPECT_EQ(text.size(), 29U);  // the day is padded with a blank, so the width is fixed
+}
+
+// The process is in another time zone while the object lives; nobody has called tzset for it.
+class OtherZone {
+public:
+    explicit OtherZone(const char* name) {
+        if (const char* old = std::getenv("TZ")) old_ = old;
+        ::setenv("TZ", name, 1);
+    }
+    ~OtherZone() {
+        old_ ? ::setenv("TZ", old_->c_str(), 1) : ::unsetenv("TZ");
+        ::tzset();
+    }
+    OtherZone(const OtherZone&) = delete;
+    OtherZone& operator=(const OtherZone&) = delete;
+
+private:
+    std::optional<std::string> old_;
+};
+
+// The hour, which a minute's change cannot spoil, as it stands in a zone east of Greenwich.
+std::string hour_east(int hours) {
+    const std::time_t there = std::time(nullptr) + std::time_t{hours} * 3600;
+    std::tm parts{};
+    ::gmtime_r(&there, &parts);
+    char text[8];
+    std::strftime(text, sizeof text, "%H", &parts);
+    return text;
+}
+
+constexpr std::size_t kHourAt = 11;  // "Sun Nov 15 08:50:37 2026"
+
+TEST_F(LogTest, TimeFollowsAChangeOfTheZone) {
+    for (const int hours : {3, 7}) {
+        const OtherZone zone(("ABC-" + std::to_string(hours)).c_str());
+        const std::string before = hour_east(hours);
+        const std::string text = get_cur_time();
+        EXPECT_THAT(text.substr(kHourAt, 2), testing::AnyOf(before, hour_east(hours)));
+    }
+}
+
+TEST_F(LogTest, LinesFollowAChangeOfTheZoneFromTheNextEntryPointOn) {
+    for (const int hours : {4, 9}) {
+        const OtherZone zone(("ABC-" + std::to_string(hours)).c_str());
+        forget_lines();
+        log::ensure_file();
+        const std::string before = hour_east(hours);
+        log::debug("x");
+        EXPECT_THAT(log_text().substr(std::strlen("[DEBUG] ") + kHourAt, 2),
+                    testing::AnyOf(before, hour_east(hours)));
+    }
 }
 
 TEST_F(LogTest, ReopenWritesItsLineAndChangesTheTarget) {

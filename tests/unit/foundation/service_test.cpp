@@ -134,6 +134,9 @@ struct Function {
     std::function<int()> run;
     bool verdict_as_is;
 };
+void PrintTo(const Function& function, std::ostream* out) {
+    *out << function.name;
+}
 
 Json::Value sink;
 InterfaceMap map_sink;
@@ -329,6 +332,9 @@ struct Query {
     std::function<int()> run;
     int on_failure;
 };
+void PrintTo(const Query& query, std::ostream* out) {
+    *out << query.method;
+}
 
 class VestaQuery : public ServiceFixture, public ::testing::WithParamInterface<Query> {
 protected:
@@ -382,6 +388,19 @@ TEST_P(VestaQuery, DataOfAnotherType) {
         EXPECT_EQ(run(), failed()) << data;
         EXPECT_EQ(lines(), Lines{"[ERROR] JSON reader parse failed."}) << data;
     }
+}
+
+TEST_P(VestaQuery, CancellationThatCannotBeChangedIsLoggedAndTheCallGoesOn) {
+    reply(R"({"error":0,"data":1})");
+    fake_process::refuse_cancel_state(PTHREAD_CANCEL_DISABLE);
+    EXPECT_EQ(run(), 1);
+    EXPECT_EQ(lines().front(), "[ERROR] pthread cancel disable error");
+    fake_process::refuse_cancel_state(PTHREAD_CANCEL_ENABLE);
+    EXPECT_EQ(run(), 1);
+    fake_process::reset();
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    const auto all = lines();
+    EXPECT_EQ(std::count(all.begin(), all.end(), "[ERROR] pthread cancel enable error"), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Vesta, VestaQuery,

@@ -142,6 +142,9 @@ struct FigureCase {
     const char* pipeline;
     bool integer;
 };
+void PrintTo(const FigureCase& figure, std::ostream* out) {
+    *out << figure.name;
+}
 
 class Figures : public CommandTest, public ::testing::WithParamInterface<FigureCase> {};
 
@@ -243,6 +246,12 @@ TEST_F(CommandTest, PinningLogsTheMaskInDecimalAndReturnsTheServicesCode) {
     EXPECT_EQ(setup_cpus("none0"), -3022);
     const std::string line = "[DEBUG] Setup CPU pinning: none0, mask: 63";
     EXPECT_EQ(lines(), (Lines{line, line, line}));
+}
+
+TEST_F(CommandTest, PinningListsTheQueuesUnderAPathWithADoubledSlash) {
+    fake_vx::reply(R"({"error":0})");
+    EXPECT_EQ(setup_cpus("none0"), 0);
+    EXPECT_EQ(fake_process::opened_directories(), Lines{"/sys/class/net/none0/queues//"});
 }
 
 TEST_F(CommandTest, PinningOfAnOverlongNameOnlyAsksTheService) {

@@ -10,6 +10,9 @@ struct Case {
     bool point_to_point;
     const char* slave;
 };
+void PrintTo(const Case& name, std::ostream* out) {
+    *out << '"' << name.dev << '"';
+}
 
 class DeviceName : public testing::TestWithParam<Case> {};
 

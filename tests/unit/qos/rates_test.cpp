@@ -82,6 +82,10 @@ struct Default {
     std::size_t classes;
     unsigned expected;
 };
+void PrintTo(const Default& document, std::ostream* out) {
+    *out << document.text;
+}
+
 class DefaultClass : public testing::TestWithParam<Default> {};
 
 TEST_P(DefaultClass, IsReadAndCorrected) {
@@ -116,6 +120,10 @@ struct Ifb {
     const char* dev;
     int number;
 };
+void PrintTo(const Ifb& ifb, std::ostream* out) {
+    *out << '"' << ifb.dev << '"';
+}
+
 class IfbNumber : public testing::TestWithParam<Ifb> {};
 
 TEST_P(IfbNumber, FollowsTheName) {

@@ -17,6 +17,9 @@ struct Number {
     const char* text;
     std::uint32_t handle;
 };
+void PrintTo(const Number& number, std::ostream* out) {
+    *out << '"' << number.text << '"';
+}
 
 class Numbers : public testing::TestWithParam<Number> {};
 
