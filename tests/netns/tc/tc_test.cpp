@@ -9,7 +9,7 @@
 
 #include <thread>
 
-#include "failing_new.h"
+#include "support/failing_new.h"
 #include "support/kernel_feature.h"
 #include "support/sandbox.h"
 

@@ -6,6 +6,7 @@
 #include "foundation/worker.h"
 #include "nexthop/icmp_echo.h"
 #include "probe_fixture.h"
+#include "support/failing_new.h"
 
 namespace corvo::test {
 namespace {
@@ -67,9 +68,14 @@ TEST_F(EchoExchange, ResolvesNames) {
 }
 
 TEST_F(EchoExchange, NoMemory) {
-    kernel.fail("malloc", ENOMEM);
-    EXPECT_EQ(exchange(), -3010);
+    const std::string target = "192.0.2.1", device = "ppp0";
+    {
+        // The reply's buffer is the first thing an exchange with a dotted address asks memory for.
+        const FailingNew failing(0, FailingNew::Then::kRecovers);
+        EXPECT_EQ(exchange_echo(target, device, kLinkProbeEcho), -3010);
+    }
     EXPECT_THAT(lines(), ElementsAre("[ERROR] malloc error."));
+    EXPECT_EQ(kernel.count("socket"), 0U);
 }
 
 TEST_F(EchoExchange, NoSocket) {

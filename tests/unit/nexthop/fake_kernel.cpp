@@ -12,12 +12,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 
 namespace {
 
 std::atomic<corvo::test::FakeKernel*> kernel{nullptr};
-thread_local bool no_memory = false;
 
 template <class Function>
 Function real(const char* name) {
@@ -62,7 +60,6 @@ FakeKernel::~FakeKernel() {
         gone_.wait(hold, [&] { return resolving_ == 0; });
     }
     kernel = nullptr;
-    no_memory = false;
     for (auto& thread : late_) thread.join();
     for (auto& [fd, socket] : sockets_) ::close(socket.peer);
     for (const int fd : old_peers_) ::close(fd);
@@ -74,13 +71,11 @@ FakeKernel* FakeKernel::current() {
 
 void FakeKernel::fail(const std::string& call, int error, int times) {
     std::lock_guard hold(lock_);
-    if (call == "malloc") no_memory = true;
     failures_[call] = {error, times};
 }
 
 void FakeKernel::heal(const std::string& call) {
     std::lock_guard hold(lock_);
-    if (call == "malloc") no_memory = false;
     failures_.erase(call);
 }
 
@@ -123,6 +118,7 @@ int FakeKernel::open_socket(int type, int protocol) {
     if (socket.peer >= 0) old_peers_.push_back(socket.peer);  // an earlier socket had this number
     socket = Socket{};
     socket.peer = ends[1];
+    newest_ = ends[0];
     return ends[0];
 }
 
@@ -151,6 +147,13 @@ void FakeKernel::push(int fd, const FakeReply& reply) {
     Socket& socket = sockets_[fd];
     socket.queued.push_back(reply);
     ::send(socket.peer, reply.bytes.data(), reply.bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void FakeKernel::arrive(const FakeReply& packet) {
+    std::unique_lock hold(lock_);
+    const int fd = newest_;
+    hold.unlock();
+    push(fd, packet);
 }
 
 void FakeKernel::deliver(int fd, const std::string& to, const std::string& packet) {
@@ -214,24 +217,6 @@ FakeKernel::Peer saying(const std::string& bytes) {
 }  // namespace corvo::test
 
 using corvo::test::FakeKernel;
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return no_memory ? nullptr : std::malloc(size);
-}
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-    std::free(memory);
-}
-void* operator new[](std::size_t size) {
-    void* memory = std::malloc(size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 extern "C" {
 

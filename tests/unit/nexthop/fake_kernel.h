@@ -41,8 +41,8 @@ public:
     std::map<std::string, Peer> peers;
 
     // Calls that fail from now on (`times` of them, -1: all), with their errno: "socket", "bind", "sendto",
-    // "recvfrom", "poll", "pthread_create", "malloc" (a nothrow new[] on the thread that sets it), and the
-    // options by their names: "SO_MARK", "SO_BINDTODEVICE", "SO_RCVTIMEO".
+    // "recvfrom", "poll", "pthread_create", and the options by their names: "SO_MARK", "SO_BINDTODEVICE",
+    // "SO_RCVTIMEO".
     void fail(const std::string& call, int error, int times = -1);
     void heal(const std::string& call);
 
@@ -58,6 +58,9 @@ public:
     std::size_t count(const std::string& beginning);
     std::vector<std::string> sent();  // the packets
     int left_open();                  // IPv4 sockets that were never closed
+
+    // A packet that nobody asked for, at the IPv4 socket that was opened last.
+    void arrive(const FakeReply& packet);
 
     // Used by the replaced calls.
     static FakeKernel* current();
@@ -87,6 +90,7 @@ private:
     int resolving_ = 0;
     std::map<std::string, Failure> failures_;
     std::map<int, Socket> sockets_;
+    int newest_ = -1;
     std::vector<int> old_peers_;
     std::vector<std::string> calls_;
     std::vector<std::string> sent_;

@@ -1,4 +1,4 @@
-#include "failing_new.h"
+#include "support/failing_new.h"
 
 #include <cstdlib>
 #include <new>
@@ -6,11 +6,13 @@
 namespace {
 
 thread_local int left = -1;  // -1: memory is there
+thread_local bool recovers = false;
 thread_local bool refused = false;
 
 void* allocate(std::size_t size) noexcept {
     if (left == 0) {
         refused = true;
+        if (recovers) left = -1;
         return nullptr;
     }
     if (left > 0) --left;
@@ -57,8 +59,9 @@ void operator delete[](void* memory, const std::nothrow_t&) noexcept {
 
 namespace corvo::test {
 
-FailingNew::FailingNew(int count) {
+FailingNew::FailingNew(int count, Then then) {
     refused = false;
+    recovers = then == Then::kRecovers;
     left = count;
 }
 FailingNew::~FailingNew() {
