@@ -146,8 +146,11 @@ int Create_wm_obj(WmObj** out, std::string dev, std::string target_ip, unsigned 
                 return trace.leave(static_cast<int>(kInvalidArgument));
             }
             try {
-                *out = new WmObj(std::move(dev), std::move(target_ip), bandwidth, std::move(type), id);
-                return trace.leave(static_cast<int>(kOk));
+                auto made = std::make_unique<WmObj>(std::move(dev), std::move(target_ip), bandwidth,
+                                                    std::move(type), id);
+                trace.leave(static_cast<int>(kOk));
+                *out = made.release();  // last: who is told of a failure gets no object
+                return static_cast<int>(kOk);
             } catch (int code) {
                 log::error("New WmObj failed, ", code, "\n");
             } catch (const std::exception& error) {

@@ -203,6 +203,31 @@ TEST_F(NeighCycle, DeviceThatIsGoneFails) {
     EXPECT_EQ(probe->get_target_mac(), "");
 }
 
+TEST_F(NeighCycle, InterfacesThatCannotBeListedFailTheCycleAndForgetTheTarget) {
+    auto probe = connected();
+    ASSERT_NE(probe->get_target_mac(), "");
+    {
+        const NoDescriptors none;
+        EXPECT_EQ(probe->prepare(), 1);
+    }
+    EXPECT_EQ(count_log("[ERROR] eth1 get ifaddrs failed."), 1);
+    EXPECT_EQ(probe->get_target_mac(), "");
+    EXPECT_EQ(probe->get_neigh_state(), 0);
+    EXPECT_EQ(probe->probe(), 0) << "the next cycle finds everything again";
+}
+
+TEST_F(NeighCycle, NeighboursThatCannotBeAskedForFailTheCycleAndAddNothing) {
+    Recorder ip("/sbin/ip");
+    auto probe = wan.probe();
+    clear_log();
+    {
+        const NoDescriptors none;
+        EXPECT_EQ(probe->scan_neigh(), 1);
+    }
+    EXPECT_THAT(log_texts(), ElementsAre());
+    EXPECT_EQ(ip.calls().size(), 0u);
+}
+
 TEST_F(NeighCycle, AddressOfAnotherDeviceWithALongerNameIsNotTakenOver) {
     Wan longer(2, "eth11");
     auto probe = connected();

@@ -1,7 +1,6 @@
 // Starting, stopping and ending the neighbour probe.
 
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <thread>
@@ -170,13 +169,10 @@ TEST_F(NeighLife, DestructorEndsTheThreadAndReportsNothing) {
 
 TEST_F(NeighLife, StartWithoutResourcesFailsAndMayBeRepeated) {
     auto probe = wan.probe();
-    rlimit old{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
-    const rlimit none{0, old.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    const int refused = probe->start();
-    ::setrlimit(RLIMIT_NOFILE, &old);
-    EXPECT_EQ(refused, -3010);
+    {
+        const NoDescriptors none;
+        EXPECT_EQ(probe->start(), -3010);
+    }
     EXPECT_EQ(probe->start(), 0);
     EXPECT_TRUE(reported(*probe));
     probe->stop();

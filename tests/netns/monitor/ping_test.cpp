@@ -3,12 +3,19 @@
 #include "corvosetup/ping.h"
 
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <netinet/ip_icmp.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "corvosetup/log.h"
 
+#include "foundation/fd.h"
 #include "support/recorder.h"
 #include "wan.h"
 
@@ -42,7 +49,6 @@ protected:
         ASSERT_TRUE(wait_until([&] { return !probe.get_state().isNull(); }));
     }
 
-private:
     Netns far_{"far"};
 };
 
@@ -196,6 +202,18 @@ TEST_F(PingLink, DestructorEndsTheThreadAndReportsNothing) {
     EXPECT_EQ(condition("PORT5"), "1");
 }
 
+TEST_F(PingLink, InterfacesThatCannotBeListedFailThePreparation) {
+    auto link = probe();
+    clear_log();
+    {
+        const NoDescriptors none;
+        EXPECT_EQ(link->prepare(), -3001);
+    }
+    EXPECT_EQ(count_log("[ERROR] ppp-eth5 get ifaddrs failed."), 1);
+    EXPECT_EQ(link->prepare(), 0);
+    EXPECT_EQ(count_log("[ERROR] ppp-eth5 get ifaddrs failed."), 1);
+}
+
 TEST_F(PingLink, GatewayAnswersAnEcho) {
     probe()->ping();  // the process's one descriptor for taking turns stays
     LeakCheck leaks;
@@ -232,7 +250,19 @@ TEST_F(PingLink, EchoNeedsTheDevice) {
     EXPECT_THAT(log_texts(), ElementsAre("[ERROR] bind device failed."));
 }
 
-TEST_F(PingLink, ProcessIdAbove65535NeverMatches) {
+// What arrives at the gateway of the echo that the child sends.
+std::string packet_of(int fd) {
+    pollfd wait{fd, POLLIN, 0};
+    char bytes[256];
+    if (::poll(&wait, 1, 5000) != 1) return {};
+    const auto got = ::recv(fd, bytes, sizeof bytes, 0);
+    return got > 0 ? std::string(bytes, static_cast<std::size_t>(got)) : std::string();
+}
+
+TEST_F(PingLink, ProcessIdAbove65535IsCutInTheRequestAndNeverMatches) {
+    UniqueFd gateway;
+    far_.run([&] { gateway.reset(::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP)); });
+    ASSERT_TRUE(gateway);
     write_file("/proc/sys/kernel/ns_last_pid", "70000");
     const pid_t child = ::fork();
     if (child == 0) {
@@ -242,6 +272,16 @@ TEST_F(PingLink, ProcessIdAbove65535NeverMatches) {
     int status = -1;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+    ASSERT_GT(child, 65535);
+    const std::string packet = packet_of(gateway.get());
+    ASSERT_EQ(packet.size(), 20u + 64u);
+    EXPECT_EQ(packet[20], ICMP_ECHO);
+    std::uint16_t identifier = 0, sequence = 0;
+    std::memcpy(&identifier, &packet[24], 2);
+    std::memcpy(&sequence, &packet[26], 2);
+    EXPECT_EQ(identifier, child & 0xffff);
+    EXPECT_EQ(sequence, 12345) << "both in host byte order";
+    EXPECT_EQ(packet.substr(28), std::string(56, '\0'));
 }
 
 }  // namespace

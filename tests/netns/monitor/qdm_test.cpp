@@ -7,6 +7,7 @@
 
 #include <set>
 
+#include "support/failing_new.h"
 #include "support/kernel_feature.h"
 #include "wan.h"
 
@@ -90,6 +91,25 @@ TEST_F(QueueTree, DeviceThatIsGoneKeepsTheRootFigures) {
     ip_batch({"link del eth1"});
     EXPECT_EQ(monitor.probe(), 0);
     EXPECT_EQ(monitor.get_state()["eth1"]["CEIL"], Json::Value(Json::UInt64(100000000)));
+}
+
+// Whichever allocation of a cycle fails: what could not be taken over is said, and the next cycle is whole.
+TEST_F(QueueTree, SampleThatCannotBeTakenOverIsSaid) {
+    REQUIRE_KERNEL_FEATURE("htb");
+    tree();
+    monitor.probe();
+    clear_log();
+    LeakCheck leaks;
+    bool struck = true;
+    for (int allocation = 0; struck; ++allocation) {
+        const FailingNew failing(allocation, FailingNew::Then::kRecovers);
+        const int result = monitor.probe();
+        struck = failing.struck();
+        EXPECT_TRUE(result == 0 || result == -3010) << result;
+    }
+    EXPECT_GT(count_log("[ERROR] eth1 refill_obj_status failed."), 0);
+    EXPECT_EQ(monitor.probe(), 0);
+    EXPECT_THAT(classes(), UnorderedElementsAre("1:10", "1:20"));
 }
 
 TEST_F(QueueTree, WorkerSaysWhoItIsAndSamples) {

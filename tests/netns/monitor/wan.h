@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <chrono>
 #include <memory>
@@ -45,6 +46,18 @@ class ShortPeriods {
 public:
     explicit ShortPeriods(std::chrono::milliseconds period);
     ~ShortPeriods();
+};
+
+// No descriptor is to be had while it lives.
+class NoDescriptors {
+public:
+    NoDescriptors();
+    ~NoDescriptors();
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+private:
+    rlimit before_{};
 };
 
 // InProcessServices, one WAN, and nothing left over from the test before.

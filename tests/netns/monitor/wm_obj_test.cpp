@@ -4,6 +4,10 @@
 
 #include <gmock/gmock.h>
 
+#include <cstring>
+#include <set>
+
+#include "support/failing_new.h"
 #include "wan.h"
 
 namespace corvo::test {
@@ -18,9 +22,10 @@ class WholeMonitor : public MonitorTest {
 protected:
     WholeMonitor() { wan.neighbour("permanent"); }
 
-    std::unique_ptr<WmObj> make(const std::string& dev, const std::string& type = "WAN") {
+    std::unique_ptr<WmObj> make(const std::string& dev, const std::string& type = "WAN",
+                                const std::string& target = "192.0.1.1") {
         WmObj* object = nullptr;
-        EXPECT_EQ(Create_wm_obj(&object, dev, "192.0.1.1", 1000, type, 1), 0);
+        EXPECT_EQ(Create_wm_obj(&object, dev, target, 1000, type, 1), 0);
         return std::unique_ptr<WmObj>(object);
     }
     static bool reported(WmObj& object, const char* member) {
@@ -137,11 +142,58 @@ TEST_F(WholeMonitor, ConditionIsReloadedFromTheProbe) {
     EXPECT_EQ(condition("PORT1"), "1");
 }
 
+// A private field of a class whose layout the daemon knows.
+template <class T>
+T field(const void* object, std::size_t offset) {
+    T value;
+    std::memcpy(&value, static_cast<const char*>(object) + offset, sizeof value);
+    return value;
+}
+
 TEST_F(WholeMonitor, DebugLevelReachesEveryMember) {
+    constexpr std::size_t kNeigh = 104, kPing = 112, kQdm = 120, kUdp = 128;
     auto ethernet = make("eth1");
     auto point_to_point = make("ppp-eth1");
     ethernet->setup_dbg(3);
-    point_to_point->setup_dbg(3);
+    point_to_point->setup_dbg(4);
+    EXPECT_EQ(field<int>(field<void*>(ethernet.get(), kNeigh), 4), 3);
+    EXPECT_EQ(field<void*>(ethernet.get(), kPing), nullptr);
+    EXPECT_EQ(field<int>(field<void*>(ethernet.get(), kQdm), 4), 3);
+    EXPECT_EQ(field<int>(field<void*>(ethernet.get(), kUdp), 8), 3);
+    EXPECT_EQ(field<void*>(point_to_point.get(), kNeigh), nullptr);
+    EXPECT_EQ(field<int>(field<void*>(point_to_point.get(), kPing), 4), 4);
+    EXPECT_EQ(field<int>(field<void*>(point_to_point.get(), kQdm), 4), 4);
+    EXPECT_EQ(field<int>(field<void*>(point_to_point.get(), kUdp), 8), 4);
+}
+
+// The lines about a member's stop, with whichever of its allocations failing.
+std::set<std::string> failed_stops(WmObj& object) {
+    clear_log();
+    bool struck = true;
+    for (int allocation = 0; struck; ++allocation) {
+        const FailingNew failing(allocation, FailingNew::Then::kRecovers);
+        object.stop();
+        struck = failing.struck();
+    }
+    std::set<std::string> lines;
+    for (const auto& text : log_texts())
+        if (text.find(" stop failed") != std::string::npos) lines.insert(text);
+    return lines;
+}
+
+TEST_F(WholeMonitor, FailureToStopAMemberIsLoggedAndTheOthersAreStopped) {
+    const std::string target = "2001:db8:1234::5678";  // needs memory to be copied
+    auto ethernet = make("eth1", "WAN", target);
+    LeakCheck leaks;
+    EXPECT_THAT(failed_stops(*ethernet),
+                UnorderedElementsAre("[ERROR] Dev: eth1's arp stop failed, Ret: -3010",
+                                     "[ERROR] Dev: eth1's qdm stop failed, Ret: -3010",
+                                     "[ERROR] Dev: eth1's udp stop failed, Ret: -3010"));
+    auto point_to_point = make("ppp-eth1", "WAN", target);
+    EXPECT_THAT(failed_stops(*point_to_point),
+                UnorderedElementsAre("[ERROR] Dev: ppp-eth1's ping stop failed, Ret: -3010",
+                                     "[ERROR] Dev: ppp-eth1's qdm stop failed, Ret: -3010",
+                                     "[ERROR] Dev: ppp-eth1's udp stop failed, Ret: -3010"));
 }
 
 TEST_F(WholeMonitor, MakingAndEndingLeavesNothingBehind) {

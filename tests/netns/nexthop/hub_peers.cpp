@@ -78,7 +78,13 @@ HubProcess::HubProcess(const Site& site, int id) {
 
 HubProcess::~HubProcess() {
     life_.reset();
+    if (pid_ > 0) waitpid(pid_, nullptr, 0);
+}
+
+void HubProcess::kill() {
+    ::kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
+    pid_ = -1;
 }
 
 FakeHub::FakeHub(const Site& site, Answer answer) {

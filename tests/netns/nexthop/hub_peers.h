@@ -39,6 +39,8 @@ public:
     HubProcess(const HubProcess&) = delete;
     HubProcess& operator=(const HubProcess&) = delete;
 
+    void kill();  // without any farewell
+
 private:
     pid_t pid_ = -1;
     UniqueFd life_;

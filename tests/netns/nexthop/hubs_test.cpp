@@ -204,6 +204,25 @@ TEST_F(Hubs, UdpGivesUpOnAHubThatDiesBetweenAttempts) {
     EXPECT_LT(since(begin), 8s);
 }
 
+TEST_F(Hubs, UdpTakesAnotherHubWhenTheCurrentOneIsKilledBetweenAttempts) {
+    const Site current(20), other(30);
+    HubProcess stranger(current, 99);  // does not answer requests for 20
+    const HubProcess good(other, 30);
+    add_hub(current, 20);
+    add_hub(other, 30);
+    publish();
+    const auto begin = steady_clock::now();
+    ASSERT_EQ(Start_nexthop_udp_test(false), 0);
+    ASSERT_TRUE(wait_for_log("[ERROR] Read from server: 10.0.20.2 error."));
+    stranger.kill();
+    ASSERT_TRUE(wait_until([this] { return !updates().empty(); }, 20s));
+    EXPECT_LT(since(begin), 7500ms) << "a port that nobody has costs no more than a silent one";
+    EXPECT_EQ(Stop_nexthop_udp_test(), 0);
+    EXPECT_EQ(count_log("[ERROR] Read from server: 10.0.20.2 error."), 3);
+    EXPECT_THAT(log_texts(), Contains("[ERROR] Udp requesting current hub: 20's PORT1@10.0.20.2 failed."));
+    EXPECT_THAT(updates(), testing::ElementsAre("30"));
+}
+
 TEST_F(Hubs, UdpTellsItsWansWithoutTunnelsOrWhenCheckingConnections) {
     const Site site(20);
     std::mutex lock;

@@ -7,14 +7,13 @@
 #include <netlink/addr.h>
 #include <netlink/route/neighbour.h>
 
-#include <iostream>
 #include <memory>
-#include <sstream>
 #include <thread>
 #include <vector>
 
 #include "monitor/neighbour.h"
 #include "own_log.h"
+#include "refusing_output.h"
 
 namespace corvo::test {
 namespace {
@@ -179,27 +178,10 @@ TEST_F(NeighProbe, ShowsTheDocumentOnOneLine) {
               "\"192.0.2.1\",\"target_mac\":\"\"}}\n");
 }
 
-// Standard output that refuses its first writing.
-class RefusesOnce : public std::stringbuf {
-    std::streamsize xsputn(const char* text, std::streamsize size) override {
-        if (!refused_) {
-            refused_ = true;
-            throw std::runtime_error("no paper");
-        }
-        return std::stringbuf::xsputn(text, size);
-    }
-    bool refused_ = false;
-};
-
 TEST_F(NeighProbe, SaysWhyItCannotShow) {
-    RefusesOnce paper;
-    std::streambuf* before = std::cout.rdbuf(&paper);
-    std::cout.exceptions(std::ios::badbit);
+    const RefusingOutput output;
     EXPECT_EQ(probe.show(), 0);
-    std::cout.exceptions(std::ios::goodbit);
-    std::cout.clear();
-    std::cout.rdbuf(before);
-    EXPECT_EQ(paper.str(), "Parse Neigh status failed, no paper\n");
+    EXPECT_EQ(output.text(), "Parse Neigh status failed, no paper\n");
 }
 
 TEST_F(NeighProbe, AccessorsGiveWhatWasStored) {

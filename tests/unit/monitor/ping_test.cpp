@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "own_log.h"
+#include "refusing_output.h"
 
 namespace corvo::test {
 namespace {
@@ -81,6 +82,13 @@ TEST_F(PingProbe, ShowsNullBeforeTheFirstReport) {
     testing::internal::CaptureStdout();
     probe.show();
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "null\n");
+}
+
+TEST_F(PingProbe, SaysWhyItCannotShow) {
+    ProcPing probe("me-x", "192.0.2.1", 1, true, 1);
+    const RefusingOutput output;
+    EXPECT_EQ(probe.show(), 0);
+    EXPECT_EQ(output.text(), "Parse Ping status failed, no paper\n");
 }
 
 TEST_F(PingProbe, ChecksumIsTheInternetChecksum) {

@@ -11,6 +11,7 @@
 
 #include "corvosetup/tc.h"
 #include "own_log.h"
+#include "refusing_output.h"
 
 namespace corvo::test {
 namespace {
@@ -205,6 +206,12 @@ TEST_F(QueueMonitor, ShowBeforeTheFirstSampleIsNull) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(monitor.show(false), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "null\n");
+}
+
+TEST_F(QueueMonitor, SaysWhyItCannotShow) {
+    const RefusingOutput output;
+    EXPECT_EQ(monitor.show(true), 0);
+    EXPECT_EQ(output.text(), "Parse Qdisc status failed, no paper\n");
 }
 
 TEST_F(QueueMonitor, StopWithoutStartSaysArping) {

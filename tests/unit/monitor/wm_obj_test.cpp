@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "own_log.h"
+#include "support/failing_new.h"
 
 namespace corvo::test {
 namespace {
@@ -87,6 +88,20 @@ TEST_F(MonitorObject, WrongTargetOfAPointToPointLinkIsAConstructionFailure) {
     WmObj* object = nullptr;
     EXPECT_EQ(Create_wm_obj(&object, "ds-lte", "1.2.3", 1, "WAN", 1), -3010);
     EXPECT_EQ(count("[ERROR] New WmObj failed, -3007"), 1);
+}
+
+TEST_F(MonitorObject, MissingMemoryIsAConstructionFailureWithItsText) {
+    bool struck = true;
+    for (int allocation = 0; struck; ++allocation) {
+        WmObj* object = nullptr;
+        const FailingNew failing(allocation, FailingNew::Then::kRecovers);
+        const int result = Create_wm_obj(&object, "lo", "192.0.2.1", 1, "WAN", 1);
+        struck = failing.struck();
+        // Some failures are borne: a service that could not be asked, say.
+        EXPECT_EQ(result, object != nullptr ? 0 : -3010) << allocation;
+        delete object;
+    }
+    EXPECT_GE(count("[ERROR] New WmObj failed, std::bad_alloc"), 4) << "the monitor and its three members";
 }
 
 TEST_F(MonitorObject, DestructionReportsNothing) {
