@@ -87,11 +87,13 @@ int read_lan_ports(const Json::Value& document, const std::string& dev, LanPorts
         if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(std::move(name));
     }
     if (!dev.empty() && dev != "all") {
-        if (std::find(names.begin(), names.end(), dev) == names.end()) {
+        const bool listed = std::find(names.begin(), names.end(), dev) != names.end();
+        names.clear();
+        if (listed) {
+            names.push_back(dev);
+        } else {
             log::error("Could not find [", dev, "] in LAN interface.\n");
-            return kNoInterface;
         }
-        names = {dev};
     }
     if (names.empty()) {
         log::error("No available LAN interface.\n");

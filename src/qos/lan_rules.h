@@ -19,7 +19,7 @@ struct LanPorts {
 };
 
 // The LAN interfaces of the device-information document, reduced to `dev` unless that is empty or "all".
-// -3020 without LAN ports, -3005 when `dev` is not one of them or none is left.
+// -3020 without LAN ports, -3005 when none is left: `dev` is not one of them.
 int read_lan_ports(const Json::Value& document, const std::string& dev, LanPorts& ports);
 
 struct LanDirection {

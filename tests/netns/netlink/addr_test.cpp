@@ -2,9 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
+#include <atomic>
 #include <climits>
+#include <thread>
 
 #include "corvosetup/link.h"
+#include "netlink/link_message.h"
+#include "netlink/raw_socket.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -162,6 +168,68 @@ TEST_F(Addresses, FlushTakesMoreThanOneDumpPart) {
     ASSERT_EQ(addresses().size(), 1000U);
     EXPECT_EQ(flush_ipv4_addr(index_), 0);
     EXPECT_TRUE(addresses().empty());
+}
+
+// Addresses come and go between the parts of a list that does not fit into one answer.
+TEST_F(Addresses, ListThatChangesMeanwhileIsReadAgain) {
+    constexpr int kMany = 2000;
+    std::vector<std::string> commands;
+    for (int i = 0; i < kMany; ++i) {
+        commands.push_back("addr add 10." + std::to_string(i / 250) + "." + std::to_string(i % 250) +
+                           ".1/32 dev v0");
+    }
+    ip_batch(commands);
+    std::unique_ptr<corvo::nl::RawSocket> socket;
+    ASSERT_EQ(corvo::nl::RawSocket::open_as_result(socket), 0);
+    corvo::nl::MessageWriter request;
+    corvo::nl::build_dump_addresses(request, 0, AF_INET);  // of one device alone, older kernels do not tell
+    const auto list = [&](int changes) {
+        int attempts = 0;
+        int found = 0;
+        bool changed = false;
+        const corvo::nl::Answer answer = corvo::nl::consistent_dump(
+            *socket, request,
+            [&] {
+                ++attempts;
+                found = 0;
+                changed = false;
+            },
+            [&](const corvo::nl::MessageView&) {
+                ++found;
+                if (changed || attempts > changes) return;
+                changed = true;
+                EXPECT_EQ(set_ipv4_addr(index_, ("172.16.0." + std::to_string(attempts) + "/32").c_str()), 0);
+            });
+        EXPECT_TRUE(answer.done());
+        return std::pair(attempts, found);
+    };
+    const auto [attempts, all] = list(0);
+    EXPECT_EQ(attempts, 1);
+    EXPECT_GE(all, kMany);
+    EXPECT_EQ(list(2), std::pair(3, all + 2));
+}
+
+// The same by the exported function, against somebody who keeps changing another device.
+TEST_F(Addresses, FlushMissesNothingWhileAddressesChange) {
+    std::atomic<bool> stop = false;
+    std::thread other([&, peer = index_of("v1")] {
+        while (!stop) {
+            set_ipv4_addr(peer, "198.51.100.1/24");
+            flush_ipv4_addr(peer);
+        }
+    });
+    for (int round = 0; round < 5; ++round) {
+        std::vector<std::string> commands;
+        for (int i = 0; i < 600; ++i) {
+            commands.push_back("addr add 10." + std::to_string(i / 250) + "." + std::to_string(i % 250) +
+                               ".1/32 dev v0");
+        }
+        ip_batch(commands);
+        EXPECT_EQ(flush_ipv4_addr(index_), 0);
+        EXPECT_TRUE(addresses().empty());
+    }
+    stop = true;
+    other.join();
 }
 
 }  // namespace

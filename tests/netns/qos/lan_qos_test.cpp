@@ -65,8 +65,8 @@ TEST_F(LanQos, NoLanPorts) {
 TEST_F(LanQos, UnlistedInterface) {
     write(kOnePort, "{}");
     EXPECT_EQ(shape_lan(0, "lan9"), -3005);
-    EXPECT_THAT(errors(),
-                ElementsAre("Could not find [lan9] in LAN interface.", "parse_dev_info failed! ret: -3005"));
+    EXPECT_THAT(errors(), ElementsAre("Could not find [lan9] in LAN interface.",
+                                      "No available LAN interface.", "parse_dev_info failed! ret: -3005"));
 }
 
 TEST_F(LanQos, WrongTypesInEitherDocumentHaveTheSameLine) {
@@ -227,6 +227,34 @@ TEST_F(LanTree, ClassFailureNamesTheGroup) {
     std::string none;
     EXPECT_EQ(ProcLanQoS(dev, groups, rules, none, 0x800).start(), -3011);
     EXPECT_THAT(errors(), ElementsAre("Setup class: 1:a failed, Ret-3011", "Setup QoS error."));
+}
+
+TEST_F(LanTree, FilterFailureNamesTheClassOfTheRule) {
+    std::vector<LanQosCls> groups;
+    std::vector<U32QoSObj> rules(2);
+    rules[0].prio = 10;
+    rules[1].prio = 0x10000;  // no class has such a number
+    rules[0].protocol = rules[1].protocol = 0x800;
+    std::string dev = "lan1";
+    std::string redirect = "ifb0";
+    EXPECT_EQ(ProcLanQoS(dev, groups, rules, redirect, 0x800).start(), -3004);
+    EXPECT_THAT(errors(), ElementsAre("Setup filter: 1:10000 failed, Ret-3004", "Setup QoS error."));
+    EXPECT_THAT(filters("lan1"), HasSubstr("flowid 1:a"));
+    EXPECT_THAT(qdiscs("lan1"), Not(HasSubstr("ingress")));
+}
+
+TEST_F(LanTree, WithVlanSegmentsEverythingMatchesTaggedTraffic) {
+    write(R"({"VLAN_SEG":{},"LAN_PORT":{"1":{"INTERFACE":"lan1"},"2":{"INTERFACE":"lan1"}}})", R"({
+        "GROUPS":[{"PRIO":"1","UPLINK_RATE":"125000"}],"UPLINK":[{"PRIO":"1","SPORT":"80"}],
+        "DOWNLINK":[{"PRIO":"1","DIP":"10.1.2.3","DMASK":"24"}]})");
+    shape_lan(0);  // ifb0 may lack its leaves; the port has none to lack
+    EXPECT_THAT(filters("lan1"), HasSubstr("protocol 802.1Q pref 1 u32"));
+    EXPECT_THAT(filters("lan1"), HasSubstr("match 0a010200/ffffff00 at 16"));
+    const std::string redirects = filters("lan1 ingress");
+    EXPECT_THAT(redirects, HasSubstr("protocol 802.1Q"));
+    EXPECT_THAT(redirects, HasSubstr("mirred (Egress Redirect to device ifb0)"));
+    EXPECT_THAT(redirects, Not(HasSubstr("protocol ip ")));
+    EXPECT_EQ(count_log("[ERROR] Setup Root failed, Ret: -3011"), 0);  // named twice, shaped once
 }
 
 TEST_F(LanTree, GroupThatCannotBeNumberedIsAnError) {

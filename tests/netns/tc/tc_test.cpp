@@ -539,6 +539,24 @@ TEST_F(Tc, StatusCountsWhatWaits) {
     EXPECT_GT(status.entries[1].qlen, 0U);
 }
 
+// The kernel estimates rates where a class was made with an estimator.
+TEST_F(Tc, StatusHasTheEstimatedRateAndItsShareOfTheCeiling) {
+    add_root(0x10);
+    must_run("tc class add dev wan parent 1: classid 1:10 estimator 250ms 500ms htb rate 1mbit ceil 8mbit");
+    ip_batch({"addr add 192.0.2.1/24 dev wan", "neigh add 192.0.2.2 lladdr 02:00:00:00:00:02 dev wan"});
+    wait_for_carrier("wan");
+    run_line("ping -c 100 -i 0.01 -W 1 -s 1000 192.0.2.2");
+    const Status status("wan");
+    ASSERT_EQ(status.entries.size(), 2U);
+    const tqs_entry& entry = status.entries[1];
+    EXPECT_EQ(status.entries[0].rate, 0U);
+    EXPECT_GT(entry.rate, 10000U);
+    EXPECT_EQ(entry.rate % 8, 0U);
+    EXPECT_EQ(entry.ceil, 8000000U);
+    EXPECT_EQ(entry.htb_rate, 1000000U);
+    EXPECT_DOUBLE_EQ(entry.utilisation, static_cast<double>(entry.rate / 8) * 100 / 1000000);
+}
+
 // --- Failures of the process itself
 
 TEST_F(Tc, NoDescriptorLeftIsAConnectFailure) {

@@ -47,6 +47,7 @@ TEST(LanPorts, ReducedToTheOneAskedFor) {
 TEST(LanPorts, UnlistedDeviceIsMissing) {
     LanPorts ports;
     EXPECT_EQ(read_lan_ports(json(kPorts), "eth9", ports), kNoInterface);
+    EXPECT_TRUE(ports.interfaces.empty());
 }
 
 TEST(LanPorts, WithVlanSegmentsTheProtocolIsVlan) {
