@@ -15,6 +15,7 @@
 #include "fake_process.h"
 #include "foundation/worker.h"
 #include "log_fixture.h"
+#include "valgrind.h"
 
 namespace {
 
@@ -41,6 +42,7 @@ TEST_F(RunnerTest, GivesTheWaitStatus) {
 }
 
 TEST_F(RunnerTest, MissingToolIsMinusOne) {
+    NEEDS_SPAWN_TO_TELL_FAILED_EXECS();
     EXPECT_EQ(corvo::run_command({"/no/such/tool"}), -1);
     EXPECT_EQ(corvo::run_command({}), -1);
     std::string output;
@@ -58,6 +60,7 @@ TEST_F(RunnerTest, ArgumentsAreNotInterpreted) {
 }
 
 TEST_F(RunnerTest, ScriptWithoutAFirstLineIsRunByTheShell) {
+    NEEDS_SPAWN_TO_TELL_FAILED_EXECS();
     const std::string script = dir_ / "script";
     put(script, "echo got \"$1\" > " + (dir_ / "out") + "\n");
     std::filesystem::permissions(script, std::filesystem::perms::owner_all);
