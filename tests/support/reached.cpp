@@ -8,29 +8,34 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ostream>
-#include <string>
 #include <string_view>
-#include <unordered_set>
 
 #include "corvosetup/log.h"
-#include "support/log.h"
 
 namespace {
 
-// Opened before main(), so that tests that count descriptors or have none left do not notice. Kernel calls
-// are made directly, so that tests that replace the functions around them do not either.
+// Tests count descriptors, let memory run out and replace the functions around the kernel's calls. So the
+// file is opened before main(), nothing is allocated, and the kernel is called directly.
 class Reached {
 public:
     Reached() {
         const char* directory = std::getenv("CORVO_TEST_REACHED");
         if (directory == nullptr) return;
-        const std::string path = std::string(directory) + "/" + program_invocation_short_name + ".lines";
+        char path[4096];
+        std::snprintf(path, sizeof path, "%s/%s.lines", directory, program_invocation_short_name);
         fd_ = static_cast<int>(
-            ::syscall(SYS_openat, AT_FDCWD, path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+            ::syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     }
 
     // Called under the log's lock.
@@ -38,48 +43,75 @@ public:
         if (fd_ < 0) return;
         const auto* test = testing::UnitTest::GetInstance()->current_test_info();
         if (test == nullptr) return;
-        if (test != test_) seen_.clear();
+        if (test != test_) seen_.fill(0);
         test_ = test;
         while (!text.empty()) {
             const auto end = std::min(text.find('\n'), text.size());
-            note_line(corvo::test::parse_log_line(text.substr(0, end)).text());
+            note_line(text.substr(0, end));
             text.remove_prefix(std::min(end + 1, text.size()));
         }
     }
 
 private:
-    void note_line(const std::string& line) {
-        if (!seen_.insert(without_digits(line)).second) return;
-        const std::string record =
-            std::string(test_->test_suite_name()) + "." + test_->name() + "\t" + line + "\n";
+    void note_line(std::string_view line) {
+        // "[ERROR] Sun Nov 15 08:50:37 2026 >>> message": without the time
+        static constexpr std::string_view kTimeEnd = " >>> ";
+        static constexpr std::size_t kTimeSize = 24;
+        std::string_view level;
+        const auto end = line.find(kTimeEnd);
+        if (line.starts_with('[') && end != std::string_view::npos && end >= kTimeSize) {
+            level = line.substr(0, end - kTimeSize);
+            line.remove_prefix(end + kTimeEnd.size());
+        }
+        if (is_known(level, line)) return;
+        const auto piece = [](std::string_view text) {
+            return iovec{const_cast<char*>(text.data()), text.size()};
+        };
+        const std::array<iovec, 7> record{piece(test_->test_suite_name()),
+                                          piece("."),
+                                          piece(test_->name()),
+                                          piece("\t"),
+                                          piece(level),
+                                          piece(line),
+                                          piece("\n")};
         // One call per line: processes that share the file do not mix theirs.
-        [[maybe_unused]] const auto written = ::syscall(SYS_write, fd_, record.data(), record.size());
+        const int saved = errno;
+        ::syscall(SYS_writev, fd_, record.data(), record.size());
+        errno = saved;
     }
 
-    // Codes are kept: "ret: -3011" and "ret: -3005" are two lines.
-    static std::string without_digits(std::string_view line) {
-        std::string text;
+    // Codes are kept: "ret: -3011" and "ret: -3005" are two lines. A full table only notes lines again.
+    bool is_known(std::string_view level, std::string_view line) {
+        std::uint64_t hash = 14695981039346656037U;
+        const auto add = [&](char c) { hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U; };
+        for (const char c : level) add(c);
         for (std::size_t i = 0; i < line.size(); ++i) {
-            const bool code = line.substr(i).starts_with("-30");
-            if (code) {
-                text += line.substr(i, 5);
+            if (line.substr(i).starts_with("-30")) {
+                for (const char c : line.substr(i, 5)) add(c);
                 i += 4;
             } else if (line[i] < '0' || line[i] > '9') {
-                text += line[i];
+                add(line[i]);
             }
         }
-        return text;
+        hash |= 1;
+        for (std::size_t probe = 0; probe < 8; ++probe) {
+            std::uint64_t& slot = seen_[(hash / 2 + probe) % seen_.size()];
+            if (slot == hash) return true;
+            if (slot != 0) continue;
+            slot = hash;
+            return false;
+        }
+        return false;
     }
 
     int fd_ = -1;
     const testing::TestInfo* test_ = nullptr;
-    std::unordered_set<std::string> seen_;
+    std::array<std::uint64_t, 4096> seen_{};
 };
 
-// Never destroyed: threads may log until the very end.
 Reached& reached() {
-    static auto* const one = new Reached;
-    return *one;
+    static Reached one;
+    return one;
 }
 
 [[maybe_unused]] const Reached& opened_early = reached();
