@@ -1,5 +1,6 @@
 #include "fake_device.h"
 
+#include <new>
 #include <sstream>
 
 #include "corvosetup/link.h"
@@ -41,6 +42,7 @@ FakeDevice& FakeDevice::current() {
 
 int FakeDevice::answer(const std::string& call) {
     calls.push_back(call);
+    if (!no_memory_for_.empty() && call.find(no_memory_for_) != std::string::npos) throw std::bad_alloc();
     int result = 0;
     for (const auto& [part, code] : results_) {
         if (call.find(part) != std::string::npos) result = code;

@@ -33,6 +33,8 @@ public:
     // The result of a request; the last rule whose text is contained in the request counts. 0 otherwise.
     void fail(const std::string& part, int result) { results_.emplace_back(part, result); }
     void succeed_again() { results_.clear(); }
+    // Requests that contain `part` find no memory: they throw.
+    void run_out_of_memory(const std::string& part) { no_memory_for_ = part; }
     int answer(const std::string& call);
 
     std::map<std::string, int> devices;  // name -> index
@@ -66,6 +68,7 @@ private:
     std::string log_ = dir_ / "corvo.log";
     int documents_ = 0;
     std::vector<std::pair<std::string, int>> results_;
+    std::string no_memory_for_;
 };
 
 }  // namespace corvo::test

@@ -205,6 +205,15 @@ TEST_F(PrivateLinkTest, DeletionOfAnAbsentDeviceIsASuccessWithAWarning) {
     EXPECT_THAT(errors(), ElementsAre("[WARNING] Tunnel tun1 does not exist."));
 }
 
+TEST_F(PrivateLinkTest, DeletionGoesOnWithoutMemoryForItsRoutesAndRules) {
+    PrivateLink target = existing();
+    run_out_of_memory("edit_r");
+    EXPECT_EQ(target.setup_tun(1), 0);
+    EXPECT_THAT(errors(), ElementsAre("[ERROR] destroy_tun_rule(): tun1 failed.",
+                                      "[ERROR] destroy_tun_route(): tun1 failed."));
+    EXPECT_EQ(devices.count("tun1"), 0u);
+}
+
 TEST_F(PrivateLinkTest, FailingRulesUseTheIpv4FamilysWords) {
     PrivateLink target = existing();
     clear();

@@ -248,6 +248,15 @@ TEST_F(TunTest, DeletionGoesOnPastFailures) {
             "[ERROR] tun3 flush route failed. table [30003]"));
 }
 
+TEST_F(TunTest, DeletionGoesOnWithoutMemoryForItsRoutesAndRules) {
+    Tun link = existing_tun();
+    run_out_of_memory("edit_r");
+    EXPECT_EQ(link.setup_tun(1), 0);
+    EXPECT_THAT(errors(), ElementsAre("[ERROR] destroy_tun_rule(): tun3 failed.",
+                                      "[ERROR] destroy_tun_route(): tun3 failed."));
+    EXPECT_EQ(devices.count("tun3"), 0u);
+}
+
 TEST_F(TunTest, DeletionThatTheKernelRefusesIsReported) {
     Tun link = existing_tun();
     fail("edit_ipip_tunnel 1", -3011);
