@@ -1,6 +1,7 @@
 #include "corvosetup/log.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <charconv>
@@ -53,15 +54,21 @@ void close_on_exec(std::filebuf& buffer) {
     if (buffer.is_open()) ::fcntl(Access::descriptor(buffer), F_SETFD, FD_CLOEXEC);
 }
 
-// Lines of threads that are still running at exit are dropped rather than written to a destroyed stream.
-struct CloseAtExit {
-    CloseAtExit() { close_on_exec(*setup_logger.rdbuf()); }
-    ~CloseAtExit() {
+// What the log needs beside its stream, from the load of the library to its end.
+struct LogLife {
+    LogLife() {
+        close_on_exec(*setup_logger.rdbuf());
+        // The daemon may fork without an exec: the child gets the lock free, whoever of its lost siblings
+        // was just writing.
+        ::pthread_atfork([] { log_lock.lock(); }, [] { log_lock.unlock(); }, [] { log_lock.unlock(); });
+    }
+    // Lines of threads that are still running at exit are dropped rather than written to a destroyed stream.
+    ~LogLife() {
         std::lock_guard hold(log_lock);
         log_closed = true;
     }
 };
-__attribute__((init_priority(103))) CloseAtExit close_at_exit;
+__attribute__((init_priority(103))) LogLife log_life;
 
 const char* level_word(corvo::log::Level level) {
     switch (level) {

@@ -136,6 +136,22 @@ TEST(PresetupIpv4, OneFailedWriteIsLoggedAndTheRestIsDone) {
     EXPECT_EQ(read_file(kIpv4 + "neigh/default/gc_thresh3"), "3000");
 }
 
+TEST(PresetupIpv4, EachKeyThatAnEntryDoesNotTakeIsLoggedInTheOrderOfTheKeys) {
+    const Replaced ipv4(kIpv4);
+    fill_ipv4();
+    std::filesystem::remove_all(kIpv4 + "conf/eth9");
+    write_file(kIpv4 + "conf/eth9", "no directory, so none of its keys can be opened");
+    std::vector<std::string> expected{"[DEBUG] INIT Enter presetup.cpp::117::presetup_ipv4"};
+    for (const char* key : {"accept_redirects", "arp_announce", "arp_ignore", "forwarding",
+                            "ignore_routes_with_linkdown", "rp_filter", "send_redirects"})
+        expected.push_back("[ERROR] Write value fail, file: " + kIpv4 + "conf/eth9/" + key);
+    expected.push_back("[DEBUG] Exit presetup.cpp::175::presetup_ipv4: -3001");
+    EXPECT_EQ(presetup_ipv4(), -3001);
+    EXPECT_EQ(log_texts(), expected);
+    EXPECT_EQ(read_file(kIpv4 + "conf/all/forwarding"), "1");
+    EXPECT_EQ(read_file(kIpv4 + "ip_forward"), "1");
+}
+
 TEST(PresetupIpv4, MissingDirectoryIsAFailureAndTheRestIsDone) {
     const Replaced ipv4(kIpv4);
     fill_ipv4();
@@ -263,6 +279,16 @@ TEST(ModuleProbing, FailingToolsAreLoggedAndChangeNothingElse) {
                                          "[ERROR] /sbin/ifconfig ifb0 up failed.",
                                          "[DEBUG] Exit presetup.cpp::91::ifb_up: 0",
                                          "[DEBUG] Exit presetup.cpp::111::module_probing: 0"));
+}
+
+TEST(ModuleProbing, ToolThatIsMissingCountsAsFailed) {
+    const Replaced tools("/sbin");
+    const Replaced classes("/sys/class/net");
+    std::filesystem::create_directory("/sys/class/net/ifb0");
+    module_probing();
+    const auto texts = log_texts();
+    EXPECT_THAT(texts, Contains("[ERROR] /sbin/modprobe ifb numifbs=7 failed."));
+    EXPECT_THAT(texts, Contains("[ERROR] /sbin/ifconfig ifb0 up failed."));
 }
 
 TEST(ModuleProbing, ListingThatFailsIsSilent) {

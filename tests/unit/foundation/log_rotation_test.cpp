@@ -1,9 +1,11 @@
 // Rotation: when, in which order, and under load.
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <map>
 #include <thread>
@@ -260,6 +262,35 @@ TEST_F(RotationTest, EightWritersLoseNoLineTearNoLineAndRotateOncePerThreshold) 
             size += line.size() + 1;
         }
     }
+}
+
+// A daemon that forks without an exec, while its other threads write: the child's lines are written.
+TEST_F(RotationTest, ForkedChildMayLogWhoeverWasWriting) {
+    constexpr int kChildren = 40;
+    max_log_size = INT_MAX;  // what the writers write must not push the children's lines out
+    std::atomic<bool> done{false};
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 4; ++w)
+        writers.emplace_back([&] {
+            while (!done) log::debug("parent");
+        });
+    int hung = 0;
+    for (int i = 0; i < kChildren; ++i) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(20);
+            log::debug("child");
+            ::_exit(0);
+        }
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        if (status != 0 && ++hung == 1) break;
+    }
+    done = true;
+    for (auto& writer : writers) writer.join();
+    EXPECT_EQ(hung, 0);
+    const auto all = lines();
+    EXPECT_EQ(std::count(all.begin(), all.end(), "[DEBUG] child"), kChildren);
 }
 
 TEST_F(RotationTest, ReopeningWhileOthersWriteLosesNothing) {

@@ -231,7 +231,9 @@ TEST_F(VxPeers, UnknownMethodAndFailedHandlerAreTold) {
 }
 
 TEST_F(VxPeers, InterruptedWaitsGoOn) {
-    vx::ServerThread server(serve_echo);
+    vx::ServerOptions patient;  // a checker's machine is slow
+    patient.request_limit = patient.reply_limit = std::chrono::seconds(60);
+    vx::ServerThread server(patient, serve_echo);
     struct sigaction action {};
     action.sa_handler = [](int) {};  // without SA_RESTART: every wait is cut short
     ::sigaction(SIGALRM, &action, nullptr);
