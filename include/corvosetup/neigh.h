@@ -6,8 +6,8 @@
 // and the interface (WAN links only), tells the hub manager, writes the netfilter condition file
 // /proc/net/nf_condition/PORT<id> and replaces the status document, in that order.
 //
-// Threading: start, stop and the destructor belong to one thread at a time; everything else may be called
-// from any thread. Errors: negative result codes; the constructor throws one as an int.
+// Threading: everything but the destructor may be called from any thread; start and stop wait for each other.
+// Errors: negative result codes; the constructor throws one as an int.
 #pragma once
 
 #include <json/value.h>
@@ -47,6 +47,7 @@ class CORVO_API ProcNeigh {
     unsigned int fail_count;  // bad cycles in a row
 
     mutable std::mutex guard;  // the fields above that both the worker and the daemon use
+    std::mutex lifecycle;      // held by start and stop, across the join
 
 public:
     // Throws -3007 when target_ip is no address, -3005 when there is no interface of that name.

@@ -4,8 +4,8 @@
 // worker reports it connected once and ends; stop() reports it down. ping() is there for callers that want to
 // know more about the link.
 //
-// Threading: start, stop and the destructor belong to one thread at a time; everything else may be called
-// from any thread. Errors: negative result codes; the constructor throws one as an int.
+// Threading: everything but the destructor may be called from any thread; start and stop wait for each other.
+// Errors: negative result codes; the constructor throws one as an int.
 #pragma once
 
 #include <json/value.h>
@@ -34,6 +34,7 @@ class CORVO_API ProcPing {
     unsigned int fail_count;
 
     mutable std::mutex guard;  // the fields above that both the worker and the daemon use
+    std::mutex lifecycle;      // held by start and stop, across the join
 
 public:
     // Throws -3007 when target_ip is no address.

@@ -5,8 +5,7 @@
 // "HTB_RATE"}}, ...]}}, all numbers unsigned 64-bit integers. Units are those of get_tx_queue_status (tc.h):
 // bits per second, packets, percent.
 //
-// Threading: start, stop and the destructor belong to one thread at a time; everything else may be called
-// from any thread.
+// Threading: everything but the destructor may be called from any thread; start and stop wait for each other.
 #pragma once
 
 #include <json/value.h>
@@ -41,6 +40,7 @@ class CORVO_API ProcQdm {
     Json::Value state;                                    // null until the first sample
 
     mutable std::mutex guard;  // the fields above that both the worker and the daemon use
+    std::mutex lifecycle;      // held by start and stop, across the join
 
 public:
     ProcQdm(std::string dev);

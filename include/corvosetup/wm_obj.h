@@ -5,9 +5,8 @@
 // that order. Life: Create_wm_obj -> start -> (get_state, reset_bandwidth, reload_nf_condition, ...) -> stop
 // -> delete.
 //
-// Threading: start, stop and the destructor belong to one thread at a time; everything else may be called
-// from any thread while the members run. stop() can take as long as the service call that a member is just
-// in.
+// Threading: everything but the destructor may be called from any thread. stop() can take as long as the
+// service call that a member is just in; a start() that comes meanwhile waits, member by member.
 #pragma once
 
 #include <json/value.h>

@@ -119,6 +119,7 @@ ProcNeigh::~ProcNeigh() {
 
 int ProcNeigh::start() {
     return guarded([&] {
+        const std::lock_guard in_turn(lifecycle);
         if (thread != nullptr) {
             log::error(dev, "'s neigh thread task has been started already.\n");
             return static_cast<int>(kAlreadyStarted);
@@ -129,6 +130,7 @@ int ProcNeigh::start() {
 
 int ProcNeigh::stop() {
     return guarded([&] {
+        const std::lock_guard in_turn(lifecycle);
         end_worker(running, thread);
         update_condition(1);
         if (is_wan) {

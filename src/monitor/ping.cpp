@@ -51,6 +51,7 @@ ProcPing::~ProcPing() {
 
 int ProcPing::start() {
     return guarded([&] {
+        const std::lock_guard in_turn(lifecycle);
         if (thread != nullptr) {
             log::error(dev, "'s ping thread task has been started already.\n");
             return static_cast<int>(kAlreadyStarted);
@@ -61,6 +62,7 @@ int ProcPing::start() {
 
 int ProcPing::stop() {
     return guarded([&] {
+        const std::lock_guard in_turn(lifecycle);
         end_worker(running, thread);
         update_condition(1);
         // Point-to-point links leave nothing behind even when they are no WAN.

@@ -72,6 +72,7 @@ ProcQdm::~ProcQdm() {
 
 int ProcQdm::start() {
     return guarded([&] {
+        const std::lock_guard in_turn(lifecycle);
         if (thread != nullptr) {
             log::error(dev, "'s qdm thread task has been started already.\n");
             return static_cast<int>(kAlreadyStarted);
@@ -82,6 +83,7 @@ int ProcQdm::start() {
 
 int ProcQdm::stop() {
     return guarded([&] {
+        const std::lock_guard in_turn(lifecycle);
         if (thread == nullptr) {
             // "arping" is what the log watchers of the fleet look for.
             log::error(dev, "'s has no running arping thread task.\n");

@@ -28,6 +28,17 @@ Timeline::~Timeline() {
 }
 
 void Timeline::add(const std::string& what) {
+    catch_up();
+    note(what);
+}
+
+void Timeline::catch_up() {
+    std::lock_guard hold(reading_);
+    read_log();
+    read_routes();
+}
+
+void Timeline::note(const std::string& what) {
     std::lock_guard hold(lock_);
     events_.push_back({what, Clock::now()});
 }
@@ -53,8 +64,7 @@ void Timeline::run() {
     pollfd wait[] = {{stop_.fd(), POLLIN, 0}, {watch_.get(), POLLIN, 0}, {routes_.get(), POLLIN, 0}};
     for (;;) {
         ::poll(wait, 3, -1);
-        if (wait[1].revents != 0) read_log();
-        if (wait[2].revents != 0) read_route();
+        catch_up();
         if (wait[0].revents != 0) return;
     }
 }
@@ -67,20 +77,22 @@ void Timeline::read_log() {
     while (std::getline(log_, line)) {
         const LogLine parsed = parse_log_line(line);
         if (parsed.message.starts_with("status changed") || parsed.message.starts_with("Update condition"))
-            add(parsed.message);
+            note(parsed.message);
     }
     log_.clear();
 }
 
-void Timeline::read_route() {
-    char buffer[8192];
-    const auto size = ::recv(routes_.get(), buffer, sizeof buffer, 0);
-    auto* head = reinterpret_cast<nlmsghdr*>(buffer);
-    for (auto left = static_cast<int>(size); NLMSG_OK(head, left); head = NLMSG_NEXT(head, left)) {
-        const auto* route = static_cast<const rtmsg*>(NLMSG_DATA(head));
-        if (route->rtm_table != 253) continue;
-        if (head->nlmsg_type == RTM_NEWROUTE) add("kernel: new default route");
-        if (head->nlmsg_type == RTM_DELROUTE) add("kernel: old default route gone");
+void Timeline::read_routes() {
+    alignas(nlmsghdr) char buffer[8192];
+    ssize_t size;
+    while ((size = ::recv(routes_.get(), buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
+        auto* head = reinterpret_cast<nlmsghdr*>(buffer);
+        for (auto left = static_cast<int>(size); NLMSG_OK(head, left); head = NLMSG_NEXT(head, left)) {
+            const auto* route = static_cast<const rtmsg*>(NLMSG_DATA(head));
+            if (route->rtm_table != 253) continue;
+            if (head->nlmsg_type == RTM_NEWROUTE) note("kernel: new default route");
+            if (head->nlmsg_type == RTM_DELROUTE) note("kernel: old default route gone");
+        }
     }
 }
 

@@ -30,15 +30,20 @@ public:
     Timeline();
     ~Timeline();
 
+    // Notes it after everything that was logged or changed before, however late the watching thread is.
     void add(const std::string& what);
+    // Notes it and reads nothing: what was before has the time at which the watching thread saw it.
+    void note(const std::string& what);
     Clock::time_point when(const std::string& what);  // when it happened last; the epoch: never
     void print();
 
 private:
     void run();
+    void catch_up();
     void read_log();
-    void read_route();
+    void read_routes();
 
+    std::mutex reading_;  // of the log and the routes; taken before lock_
     std::mutex lock_;
     std::vector<Event> events_;
     std::ifstream log_;
@@ -97,7 +102,7 @@ protected:
     void only_note_calls() {
         for (const char* target : {"pluvd.exec", "nm-halor.UpdateWanNexthopStatus"}) {
             services->answer(target, [this, target] {
-                timeline_.add(target);
+                timeline_.note(target);
                 return vx::Reply::text("{\"error\":0}");
             });
         }

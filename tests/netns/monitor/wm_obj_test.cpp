@@ -4,10 +4,11 @@
 
 #include <gmock/gmock.h>
 
-#include <cstring>
 #include <set>
+#include <thread>
 
 #include "support/failing_new.h"
+#include "support/layout.h"
 #include "wan.h"
 
 namespace corvo::test {
@@ -142,14 +143,6 @@ TEST_F(WholeMonitor, ConditionIsReloadedFromTheProbe) {
     EXPECT_EQ(condition("PORT1"), "1");
 }
 
-// A private field of a class whose layout the daemon knows.
-template <class T>
-T field(const void* object, std::size_t offset) {
-    T value;
-    std::memcpy(&value, static_cast<const char*>(object) + offset, sizeof value);
-    return value;
-}
-
 TEST_F(WholeMonitor, DebugLevelReachesEveryMember) {
     constexpr std::size_t kNeigh = 104, kPing = 112, kQdm = 120, kUdp = 128;
     auto ethernet = make("eth1");
@@ -194,6 +187,32 @@ TEST_F(WholeMonitor, FailureToStopAMemberIsLoggedAndTheOthersAreStopped) {
                 UnorderedElementsAre("[ERROR] Dev: ppp-eth1's ping stop failed, Ret: -3010",
                                      "[ERROR] Dev: ppp-eth1's qdm stop failed, Ret: -3010",
                                      "[ERROR] Dev: ppp-eth1's udp stop failed, Ret: -3010"));
+}
+
+TEST_F(WholeMonitor, IsStartedAndStoppedFromFourThreads) {
+    const ShortPeriods shorter(std::chrono::milliseconds(2));
+    for (const char* dev : {"eth1", "ppp-eth1"}) {
+        auto object = make(dev);
+        LeakCheck leaks;
+        std::vector<std::thread> threads;
+        for (int n = 0; n < 4; ++n) {
+            threads.emplace_back([&, n] {
+                for (int round = 0; round < 25; ++round) {
+                    if ((round + n) % 2 == 0) {
+                        object->start();
+                    } else {
+                        object->stop();
+                    }
+                    object->get_state();
+                }
+            });
+        }
+        for (auto& thread : threads) thread.join();
+        object->stop();
+        EXPECT_EQ(condition("PORT1"), "0");
+        EXPECT_EQ(object->start(), 0) << "nothing of the hammering is left";
+        EXPECT_EQ(object->stop(), 0);
+    }
 }
 
 TEST_F(WholeMonitor, MakingAndEndingLeavesNothingBehind) {

