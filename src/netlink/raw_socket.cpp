@@ -7,21 +7,17 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <new>
 
+#include "foundation/log_line.h"
 #include "foundation/result.h"
-#include "foundation/text.h"
 #include "netlink/nl.h"
 
 namespace corvo::nl {
 
 namespace {
-
-thread_local char refusal[160];
-
-void remember_refusal(std::string_view text) {
-    copy_text(refusal, text);
-}
 
 void set_option(int fd, int option) {
     const int on = 1;
@@ -29,6 +25,16 @@ void set_option(int fd, int option) {
 }
 
 }  // namespace
+
+std::atomic<bool> trace_refusals{::secure_getenv("CORVO_TRACE_NETLINK") != nullptr};
+
+void trace_refusal(const MessageView& refusal, int error, std::string_view text) {
+    nlmsgerr about{};
+    if (!trace_refusals || !refusal.read_header(about)) return;
+    const char* meaning = ::strerrordesc_np(error);
+    log::trace("Netlink request ", about.msg.nlmsg_type, " refused: ", meaning ? meaning : "unknown error",
+               text.empty() ? "" : ": ", text);
+}
 
 RawSocket::Opened RawSocket::open(std::unique_ptr<RawSocket>& socket, int protocol) {
     socket.reset(new (std::nothrow) RawSocket);
@@ -109,6 +115,13 @@ void RawSocket::prepare_for_many(int bytes) {
     }
 }
 
+void RawSocket::ask_for_words() {
+    if (explained_) return;
+    set_option(fd(), NETLINK_CAP_ACK);
+    set_option(fd(), NETLINK_EXT_ACK);
+    explained_ = true;
+}
+
 unsigned RawSocket::link_index(const char* name) const {
     if (!name || !*name || std::strlen(name) >= IFNAMSIZ) return 0;
     ifreq request{};
@@ -130,10 +143,6 @@ int read_error(const MessageView& message, std::string* text) {
     return error.error < 0 ? -error.error : EBADMSG;
 }
 
-std::string_view last_refusal() {
-    return refusal;
-}
-
 Answer RawSocket::transact(MessageWriter& request) {
     return exchange(request, Wanted::kAck, nullptr, nullptr);
 }
@@ -151,11 +160,7 @@ Answer RawSocket::dump(MessageWriter& request, const std::function<void(const Me
 Answer RawSocket::exchange(MessageWriter& request, Wanted wanted,
                            const std::function<void(const MessageView&)>* visit, bool* interrupted) {
     using Outcome = Answer::Outcome;
-    if (!explained_) {
-        set_option(fd(), NETLINK_CAP_ACK);
-        set_option(fd(), NETLINK_EXT_ACK);
-        explained_ = true;
-    }
+    ask_for_words();
     if (wanted == Wanted::kDump) set_option(fd(), NETLINK_GET_STRICT_CHK);
     const std::uint32_t sequence = next_sequence(1);
     std::memcpy(request.data() + offsetof(nlmsghdr, nlmsg_seq), &sequence, sizeof sequence);
@@ -173,7 +178,7 @@ Answer RawSocket::exchange(MessageWriter& request, Wanted wanted,
                 answer.error = read_error(message, &answer.text);
                 if (answer.error != 0) {
                     answer.outcome = Outcome::kRefused;
-                    remember_refusal(answer.text);
+                    trace_refusal(message, answer.error, answer.text);
                 }
                 return answer;
             }

@@ -5,10 +5,12 @@
 // latest. Answers are accepted from the kernel only and only with the sequence number of the request.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "foundation/fd.h"
 #include "netlink/message.h"
@@ -68,6 +70,8 @@ public:
     void drain();
     // More room for answers and less of it for each, for the many of a batch.
     void prepare_for_many(int bytes);
+    // Refusals then come with the kernel's words; without them a batch of refusals costs less.
+    void ask_for_words();
 
     // The index of the device, or 0: one request on this socket's descriptor.
     unsigned link_index(const char* name) const;
@@ -93,9 +97,10 @@ private:
 // kernel's explanation when it sent one.
 int read_error(const MessageView& message, std::string* text = nullptr);
 
-// What the kernel said about the last request of this thread that it refused, for a log line with room for
-// it; empty when it gave no reason.
-std::string_view last_refusal();
+// Whether refusals go to the log as trace lines with the kernel's words: callers' lines have room for the
+// code only. Off unless the environment of the process has CORVO_TRACE_NETLINK.
+extern std::atomic<bool> trace_refusals;
+void trace_refusal(const MessageView& refusal, int error, std::string_view text);
 
 // How often a dump is repeated when it was interrupted. Its last attempt counts as it is.
 inline constexpr int kDumpAttempts = 16;

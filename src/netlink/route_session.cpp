@@ -52,7 +52,9 @@ int result_of(const Answer& answer) {
 }
 
 int RouteSession::open() {
-    return RawSocket::open_as_result(socket_);
+    const int opened = RawSocket::open_as_result(socket_);
+    if (opened == kOk && trace_refusals) socket_->ask_for_words();
+    return opened;
 }
 
 void RouteSession::submit(unsigned op, const route_conf& record) {
@@ -197,8 +199,9 @@ void RouteSession::run_rounds(std::vector<std::size_t> todo) {
             for (const std::size_t slot : todo) run_rounds({slot});
             return;
         }
-        for (const std::size_t slot : todo)
-            results_[slots_[slot].result] = failure != 0 ? failure : kReceiveFailed;
+        if (failure == 0) failure = kReceiveFailed;
+        if (op_ == kFlush) failure = kAllocFailed;  // the kernel's routes could not be gone through
+        for (const std::size_t slot : todo) results_[slots_[slot].result] = failure;
         return;
     }
 }
@@ -249,7 +252,11 @@ bool RouteSession::collect(std::uint32_t first, std::uint32_t count, int& failur
         while (next_message(datagram, message)) {
             const std::uint32_t at = message.head.nlmsg_seq - first;
             if (at >= count || message.head.nlmsg_type != NLMSG_ERROR) continue;
-            errors_[at] = read_error(message);
+            std::string words;
+            const int error = read_error(message, &words);
+            // Nothing to delete is what a deletion ahead of an addition usually finds.
+            if (error != 0 && error != ESRCH) trace_refusal(message, error, words);
+            errors_[at] = error;
             if (at + 1 == count) return true;
         }
     }

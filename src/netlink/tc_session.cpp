@@ -73,13 +73,9 @@ int Session::prepare(const char* parent) {
 }
 
 int Session::send() {
-    refusal_.clear();
     // Index 0 is "any device" in some requests.
     if (place_.device.index == 0 || message_.overflow()) return kRefused;
-    nl::Answer answer = socket_->transact(message_);
-    if (answer.done()) return kOk;
-    refusal_ = std::move(answer.text);
-    return kRefused;
+    return socket_->transact(message_).done() ? kOk : kRefused;
 }
 
 int Session::add_qdisc(const char* parent, const char* handle, const char* kind, const tc_options* options) {

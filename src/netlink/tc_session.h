@@ -38,9 +38,6 @@ public:
     // failed on the way, and there may be less than there is.
     bool for_each_status(const std::function<void(const Report&, bool is_class)>& add);
 
-    // What the kernel said about the last request that it refused.
-    const std::string& refusal() const { return refusal_; }
-
 private:
     int prepare();
     int prepare(const char* parent);
@@ -52,7 +49,6 @@ private:
     std::unique_ptr<nl::RawSocket> socket_;
     Place place_;
     nl::MessageWriter message_;
-    std::string refusal_;
 };
 
 }  // namespace corvo::tc

@@ -98,6 +98,9 @@ int route(int op) {
     corvo::copy_text(record.dst, "10.1.0.0/16");
     return edit_route(op, &record);
 }
+int flush_of_one_key() {
+    return route(2);
+}
 int unkeyed_flush() {
     route_conf record{};
     record.table = 1000;
@@ -152,6 +155,7 @@ const Case kCases[] = {
     {"flush_ipv4_addr", [] { return flush_ipv4_addr(999999); }, -3010, -3010},
     {"edit_route delete", [] { return route(1); }, -3012, -3013},
     {"edit_route print", [] { return route(3); }, -3010, -3010},
+    {"edit_route flush of one key", flush_of_one_key, -3010, -3010},
     {"edit_route flush of a table", unkeyed_flush, -3010, -3010},
     {"edit_rule delete", [] { return rule<rule_conf, edit_rule>(1); }, -3011, -3011},
     {"edit_rule flush", [] { return rule<rule_conf, edit_rule>(2); }, -3010, -3010},
