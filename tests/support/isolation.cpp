@@ -49,20 +49,6 @@ void empty_directory(const std::string& path) {
     for (const auto& entry : fs::directory_iterator(path)) fs::remove_all(entry.path());
 }
 
-// A tmpfs in place of /proc/self/net that has all it had, as links that follow the reading thread into its
-// network namespace, and a directory for the condition files.
-void make_condition_dir() {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(kProcNet)) names.push_back(entry.path().filename());
-    mount_or_throw("tmpfs", kProcNet, "tmpfs", 0, "mode=755");
-    for (const auto& name : names) {
-        const std::string link = std::string(kProcNet) + "/" + name;
-        if (name != "nf_condition")
-            isolation::check(::symlink(("/proc/thread-self/net/" + name).c_str(), link.c_str()) == 0, link);
-    }
-    fs::create_directory(kConditionDir);
-}
-
 void mount_sys() {
     ::umount2(kRateEstimator, MNT_DETACH);
     mount_or_throw("sysfs", "/sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC);
@@ -111,6 +97,21 @@ void overlay(const std::string& path, const std::string& name) {
 
 void check(bool good, const std::string& what) {
     if (!good) throw std::runtime_error(what + ": " + std::generic_category().message(errno));
+}
+
+// A tmpfs in place of /proc/self/net that has all it had, as links that follow the reading thread into its
+// network namespace, and a directory for the condition files.
+void make_condition_dir(const std::string& shared) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(kProcNet)) names.push_back(entry.path().filename());
+    mount_or_throw("tmpfs", kProcNet, "tmpfs", 0, "mode=755");
+    for (const auto& name : names) {
+        const std::string link = std::string(kProcNet) + "/" + name;
+        if (name != "nf_condition")
+            isolation::check(::symlink(("/proc/thread-self/net/" + name).c_str(), link.c_str()) == 0, link);
+    }
+    fs::create_directory(kConditionDir);
+    if (!shared.empty()) mount_or_throw(shared.c_str(), kConditionDir, nullptr, MS_BIND);
 }
 
 void loopback_up() {

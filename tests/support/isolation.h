@@ -25,6 +25,10 @@ void renew();
 // Lays a writable layer of its own over the directory `path`; what is written there is kept under `name`.
 void overlay(const std::string& path, const std::string& name);
 
+// Makes the private view of /proc/net for the calling process; its condition files are those in the directory
+// `shared`, own ones when that is empty.
+void make_condition_dir(const std::string& shared = {});
+
 void loopback_up();
 
 }  // namespace corvo::test::isolation

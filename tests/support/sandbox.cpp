@@ -30,6 +30,11 @@ void make_condition(const std::string& name, const std::string& value) {
     write_file(kConditionDir + name, value);
 }
 
+void share_conditions(int parent) {
+    if (in_device_tier()) return;
+    isolation::make_condition_dir("/proc/" + std::to_string(parent) + "/net/nf_condition");
+}
+
 std::optional<std::string> condition(const std::string& name) {
     const std::string path = kConditionDir + name;
     if (::access(path.c_str(), F_OK) != 0) return {};

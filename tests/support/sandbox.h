@@ -5,8 +5,9 @@
 //   - the network namespace is empty but for lo, which is up;
 //   - /proc and /sys are those of the new namespaces; /run (with /run/vx and /run/netns) is empty;
 //   - /etc/networkmanagement and /var/log/network are private and empty, all else under /etc is as it was;
-//   - /proc/net/nf_condition is a private directory, seen by this process but not by its children. In the
-//     device tier it is the real one, and values exist while a rule refers to them;
+//   - /proc/net/nf_condition is a private directory, seen by this process but not by its children (but see
+//     share_conditions()). In the device tier it is the real one, and values exist while a rule refers to
+//     them;
 //   - /sys/module/sch_htb/parameters/htb_rate_est is private (in the device tier the real one).
 // All of it is made again before every TEST, the library's globals of the log included, so that tests pass
 // alone and in any order in one process. Nothing remains on the machine afterwards. Needs root; listing the
@@ -49,6 +50,10 @@ void make_condition(const std::string& name, const std::string& value = "1");
 
 // The condition's value without the line break; nothing when there is no such condition.
 std::optional<std::string> condition(const std::string& name);
+
+// In a child between fork() and exec(): lets the program to come see the condition files of this process,
+// which is `parent`. Nothing on the device testbed, where they are the kernel's own.
+void share_conditions(int parent);
 
 // A directory that vanishes with the process, for what a test or the support itself wants to keep.
 std::string scratch_dir();

@@ -93,16 +93,10 @@ int report(Context& context) {
     const Outcome outcome = context.action();
     const auto log = window.lines();
 
-    if (context.json) {
-        Json::Value out(Json::objectValue);
-        out["schema"] = kSchemaVersion;
-        out["command"] = context.verb;
-        out["ok"] = outcome.ok();
-        out["code"] = outcome.code;
-        if (outcome.code != 0) out["explanation"] = explain_json(outcome.code);
-        if (!outcome.failure.empty()) out["failure"] = outcome.failure;
-        out["data"] = outcome.data;
-        out["log"] = Json::Value(Json::arrayValue);
+    if (context.json && outcome.reported) {
+        // Nothing to add.
+    } else if (context.json) {
+        Json::Value out = to_json(outcome, context.verb);
         for (const auto& line : log) out["log"].append(line);
         std::cout << to_text(out) << '\n';
     } else {
@@ -113,6 +107,19 @@ int report(Context& context) {
         if (!outcome.ok()) print_failure(outcome, log);
     }
     return outcome.ok() ? kExitOk : kExitFailed;
+}
+
+Json::Value to_json(const Outcome& outcome, const std::string& verb) {
+    Json::Value out(Json::objectValue);
+    out["schema"] = kSchemaVersion;
+    out["command"] = verb;
+    out["ok"] = outcome.ok();
+    out["code"] = outcome.code;
+    if (outcome.code != 0) out["explanation"] = explain_json(outcome.code);
+    if (!outcome.failure.empty()) out["failure"] = outcome.failure;
+    out["data"] = outcome.data;
+    out["log"] = Json::Value(Json::arrayValue);
+    return out;
 }
 
 Outcome from_code(int code) {

@@ -1,8 +1,8 @@
 // corvoctl: the frame that every verb stands in.
 //
 // A verb family registers its subcommands on the CLI11 application and leaves an action in the context;
-// main() runs the action, prints what came of it and turns it into the exit status. Families never print on
-// their own.
+// main() runs the action, prints what came of it and turns it into the exit status. Families do not print on
+// their own; only the live view does.
 #pragma once
 
 #include <json/value.h>
@@ -25,6 +25,7 @@ struct Outcome {
     std::string failure;                  // a failure that has no code of the library's; empty: none
     Json::Value data{Json::objectValue};  // for -j, and the facts behind `lines`
     std::vector<std::string> lines;       // for people
+    bool reported = false;                // it has printed its own JSON reports
 
     bool ok() const { return code == 0 && failure.empty(); }
 };
@@ -42,6 +43,9 @@ struct Context {
 
 // Runs the context's action, prints the report and returns the exit status.
 int report(Context& context);
+
+// The JSON report of an outcome, and of nothing that was logged.
+Json::Value to_json(const Outcome& outcome, const std::string& verb);
 
 // An outcome that is just a result code.
 Outcome from_code(int code);

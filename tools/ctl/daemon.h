@@ -25,7 +25,14 @@ std::string age_text(long seconds);
 // The status document as lines of plain text.
 std::vector<std::string> status_lines(const Json::Value& state, long now);
 
-// The live view; returns the exit status. Plain lines when standard output is no terminal.
-int watch(unsigned interval_seconds, bool plain);
+struct WatchOptions {
+    unsigned interval = 2;  // seconds
+    unsigned count = 0;     // looks; 0: until it is ended
+    bool plain = false;
+    bool json = false;  // one report per line
+};
+
+// The live view; plain lines when standard output is no terminal. What went wrong, empty: nothing.
+std::string watch(const WatchOptions& options);
 
 }  // namespace corvoctl

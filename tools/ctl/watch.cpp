@@ -6,6 +6,7 @@
 #include "ctl/watch.h"
 
 #include <corvosetup/routing.h>
+#include <json/writer.h>
 #include <ncurses.h>
 #include <unistd.h>
 
@@ -105,17 +106,31 @@ void show(const std::vector<std::string>& lines) {
     refresh();
 }
 
-int watch_plain(unsigned interval) {
-    while (ended == 0) {
+// Whether another look follows, after the pause before it.
+bool another(const WatchOptions& options, unsigned looks) {
+    if (ended != 0 || !std::cout || (options.count != 0 && looks >= options.count)) return false;
+    ::sleep(options.interval);
+    return ended == 0;
+}
+
+std::string watch_lines(const WatchOptions& options) {
+    unsigned looks = 0;
+    do {
         const DaemonReply reply = ask_daemon("get_state");
-        if (!reply.failure.empty()) return kExitFailed;
-        for (const auto& line : compose(reply.data, kernel_routes(), std::time(nullptr), {120, 60}))
-            std::cout << line << '\n';
-        std::cout << std::endl;
-        if (!std::cout) return kExitOk;
-        ::sleep(interval);
-    }
-    return kExitOk;
+        if (!reply.failure.empty()) return reply.failure;
+        if (options.json) {
+            Outcome outcome;
+            outcome.data = reply.data;
+            Json::StreamWriterBuilder builder;
+            builder["indentation"] = "";
+            std::cout << Json::writeString(builder, to_json(outcome, "watch")) << std::endl;
+        } else {
+            for (const auto& line : compose(reply.data, kernel_routes(), std::time(nullptr), {120, 60}))
+                std::cout << line << '\n';
+            std::cout << std::endl;
+        }
+    } while (another(options, ++looks));
+    return {};
 }
 
 }  // namespace
@@ -171,18 +186,17 @@ std::vector<std::string> compose(const Json::Value& state, const std::vector<std
     return lines;
 }
 
-int watch(unsigned interval, bool plain) {
+std::string watch(const WatchOptions& options) {
     std::signal(SIGINT, [](int) { ended = 1; });
     std::signal(SIGTERM, [](int) { ended = 1; });
-    if (plain || ::isatty(1) == 0) return watch_plain(interval);
-    const bool answered = ask_daemon("get_state").failure.empty();
-    if (!answered) return kExitFailed;
+    if (options.plain || options.json || ::isatty(1) == 0) return watch_lines(options);
+    if (const DaemonReply reply = ask_daemon("get_state"); !reply.failure.empty()) return reply.failure;
     initscr();
     cbreak();
     noecho();
     curs_set(0);
-    timeout(static_cast<int>(interval) * 1000);
-    while (ended == 0) {
+    timeout(static_cast<int>(options.interval) * 1000);
+    for (unsigned looks = 0; ended == 0 && (options.count == 0 || looks < options.count); ++looks) {
         const DaemonReply reply = ask_daemon("get_state");
         const Screen screen{static_cast<std::size_t>(COLS), static_cast<std::size_t>(LINES)};
         show(reply.failure.empty() ? compose(reply.data, kernel_routes(), std::time(nullptr), screen)
@@ -191,7 +205,7 @@ int watch(unsigned interval, bool plain) {
         if (key == 'q' || key == 'Q') break;
     }
     endwin();
-    return kExitOk;
+    return {};
 }
 
 }  // namespace corvoctl

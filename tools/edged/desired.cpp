@@ -137,6 +137,15 @@ long number_of(const Json::Value& object, const char* key, long fallback) {
     return text.empty() ? fallback : std::strtol(text.c_str(), nullptr, 10);
 }
 
+std::string active_hub(const std::string& site_path, int device_id) {
+    CfgFile file(site_path);
+    Json::Value site;
+    file >> site;
+    for (const std::string& step : {std::string("SITE_INFO"), std::to_string(device_id)})
+        site = site.isObject() ? site.get(step, Json::Value()) : Json::Value();
+    return text_of(site, "HUB");
+}
+
 std::string compact(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";

@@ -37,6 +37,9 @@ struct Desired {
 // right: then the edge keeps what it has.
 std::optional<Desired> load_desired(const std::string& directory, std::vector<std::string>& problems);
 
+// The hub that the site document names for this device; empty: none.
+std::string active_hub(const std::string& site_path, int device_id);
+
 // Reading elements and documents whose types nobody vouches for.
 std::string text_of(const Json::Value& object, const char* key, const std::string& fallback = {});
 long number_of(const Json::Value& object, const char* key, long fallback = 0);

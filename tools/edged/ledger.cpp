@@ -35,7 +35,8 @@ Ledger::Ledger(std::string path) : path_(std::move(path)), root_(Json::objectVal
     std::string errors;
     if (in && Json::parseFromStream(builder, in, &found, &errors) &&
         text_of(found, "kernel") == kernel_identity() && found["steps"].isObject()) {
-        root_ = found["steps"];
+        for (const auto& key : found["steps"].getMemberNames())
+            if (found["steps"][key].isObject()) root_[key] = found["steps"][key];
     }
 }
 
@@ -46,12 +47,31 @@ const Json::Value& Ledger::record(const std::string& key) const {
 
 bool Ledger::fits(const std::string& key, const Json::Value& applied, int ifindex) const {
     const Json::Value& found = record(key);
-    return found.isObject() && found["ifindex"] == ifindex && found["applied"] == applied;
+    return found.isObject() && !found.isMember("begun") && found["ifindex"] == ifindex &&
+           compact(found["applied"]) == compact(applied);  // a number read back may have another type
+}
+
+void Ledger::begin(const std::string& key, const Json::Value& next) {
+    if (record(key).isObject() && record(key).isMember("begun") && record(key)["begun"] == next) return;
+    root_[key]["begun"] = next;
+    save();
+}
+
+void Ledger::doubt(const std::string& prefix, const std::string& suffix) {
+    bool changed = false;
+    for (const auto& key : keys(prefix)) {
+        if (!key.ends_with(suffix) || root_[key].isMember("begun")) continue;
+        root_[key]["begun"] = root_[key]["applied"];
+        changed = true;
+    }
+    if (changed) save();
 }
 
 void Ledger::put(const std::string& key, const Json::Value& applied, int ifindex) {
-    root_[key]["applied"] = applied;
-    root_[key]["ifindex"] = ifindex;
+    Json::Value fresh(Json::objectValue);
+    fresh["applied"] = applied;
+    fresh["ifindex"] = ifindex;
+    root_[key] = fresh;
     save();
 }
 

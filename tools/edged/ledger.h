@@ -19,10 +19,18 @@ public:
     // ledger.
     explicit Ledger(std::string path);
 
-    // The record of `key`, null when there is none.
+    // The record of `key`, null when there is none. "applied" and "ifindex" are those of put(); "begun" is
+    // there after begin() and holds what was to be applied.
     const Json::Value& record(const std::string& key) const;
     bool fits(const std::string& key, const Json::Value& applied, int ifindex = 0) const;
 
+    // Before a step changes the kernel: its record fits nothing any more until put() or drop(), and remembers
+    // what the step was about to apply, so that a daemon that was killed in between can undo both.
+    void begin(const std::string& key, const Json::Value& next);
+    void begin(const std::string& key) { begin(key, Json::Value()); }
+    // The same for every record whose key begins with `prefix` and ends with `suffix`: something that they
+    // rest on goes away.
+    void doubt(const std::string& prefix, const std::string& suffix = {});
     void put(const std::string& key, const Json::Value& applied, int ifindex = 0);
     void drop(const std::string& key);
 

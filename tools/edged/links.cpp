@@ -13,10 +13,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <set>
 
 namespace edged {
 
 namespace {
+
+constexpr unsigned kNoMultipath = 0x80000;  // the device kernel's IFF_NOMULTIPATH
 
 std::string slave_of(const Json::Value& element) {
     return text_of(element, "slave");
@@ -86,9 +89,38 @@ std::string key_of(const LinkKind& kind, const std::string& name) {
     return std::string(kind.name) + ":" + name;
 }
 
-void remove_recorded(const LinkKind& kind, const std::string& key, Ledger& ledger, Report& report) {
-    const int code = kind.setup(1, ledger.record(key)["applied"]);
+// Before a device goes: the step is begun, and what the library takes down with it is in doubt. Deleting one
+// private link empties the default table of all of them.
+void begin(const LinkKind& kind, const std::string& key, const Json::Value& next, Ledger& ledger) {
+    ledger.begin(key, next);
+    if (&kind != &kPrivate) return;
+    ledger.doubt("private-routes:");
+    ledger.doubt("route:private_default:");
+}
+
+// The devices that a record says are there, or may be there.
+std::set<std::string> recorded_devices(const LinkKind& kind, const Json::Value& record) {
+    std::set<std::string> out;
+    for (const char* which : {"applied", "begun"})
+        if (record[which].isObject()) out.insert(kind.device(record[which]));
+    out.erase("");
+    return out;
+}
+
+int remove_recorded(const LinkKind& kind, const std::string& key, Ledger& ledger) {
+    const Json::Value record = ledger.record(key);
+    begin(kind, key, record["begun"], ledger);
+    int code = 0;
+    for (const char* which : {"applied", "begun"}) {
+        if (!record[which].isObject() || kind.device(record[which]).empty()) continue;
+        if (const int result = kind.setup(1, record[which]); result != 0) code = result;
+    }
     if (code == 0) ledger.drop(key);
+    return code;
+}
+
+void report_removal(const LinkKind& kind, const std::string& key, Ledger& ledger, Report& report) {
+    const int code = remove_recorded(kind, key, ledger);
     report.change(key, code == 0 ? Change::kRemoved : Change::kFailed, code);
 }
 
@@ -110,18 +142,16 @@ void apply_link(const LinkKind& kind, const std::string& name, const Json::Value
         return;
     }
     const Json::Value recorded = ledger.record(key);
-    const bool renumbered = recorded.isObject() && kind.device(recorded["applied"]) != dev;
-    if (fits && !renumbered && recorded.isNull()) {
-        // Somebody, or we before we were killed, completed the device but maybe not its rules.
+    if (fits && recorded.isNull()) {
+        // Somebody completed the device, but maybe not its rules.
         const int code = kind.ensure(element);
         if (code == 0) ledger.put(key, element, get_ifindex(dev.c_str()));
         report.change(key, code == 0 ? Change::kAdopted : Change::kFailed, code);
         return;
     }
-    const bool replaces = recorded.isObject() || get_ifindex(dev.c_str()) > 0;
-    if (renumbered) kind.setup(1, recorded["applied"]);
+    const bool replaces = get_ifindex(dev.c_str()) > 0;
+    begin(kind, key, element, ledger);
     if (get_ifindex(dev.c_str()) > 0) kind.setup(1, element);
-    ledger.drop(key);
     const int code = kind.setup(0, element);
     if (code == 0) ledger.put(key, element, get_ifindex(dev.c_str()));
     report.change(key, code != 0 ? Change::kFailed : replaces ? Change::kReplaced : Change::kCreated, code);
@@ -140,7 +170,11 @@ const LinkKind kTunnel{
 const LinkKind kTunnel6{"tun6",
                         {"slave", "id", "tun_addr", "ip6_addr"},
                         [](int op, const Json::Value& e) { return make_wan_link<Tun6>(e).setup_tun(op); },
-                        [](const Json::Value& e) { return make_wan_link<Tun6>(e).setup_tun_rule(); },
+                        [](const Json::Value& e) {
+                            auto link = make_wan_link<Tun6>(e);
+                            const int code = link.set_tun_flag(kNoMultipath);
+                            return code != 0 ? code : link.setup_tun_rule();
+                        },
                         [](const Json::Value& e) {
                             return slave_of(e).empty() || text_of(e, "ip6_addr").empty()
                                        ? std::string()
@@ -160,27 +194,33 @@ const LinkKind kPrivate{
     port_device,
     port_address};
 
-const LinkKind kRegional{"rglink",
-                         {"slave", "ip4_addr"},
-                         [](int op, const Json::Value& e) { return make_port_link<RgLink>(e).setup_tun(op); },
-                         [](const Json::Value&) { return 0; },
-                         port_device,
-                         port_address};
+const LinkKind kRegional{
+    "rglink",
+    {"slave", "ip4_addr"},
+    [](int op, const Json::Value& e) { return make_port_link<RgLink>(e).setup_tun(op); },
+    [](const Json::Value& e) { return make_port_link<RgLink>(e).set_tun_flag(kNoMultipath); },
+    port_device,
+    port_address};
 
 void apply_links(const LinkKind& kind, const std::map<std::string, Json::Value>& elements, int device_id,
                  Ledger& ledger, Report& report) {
-    for (const auto& key : ledger.keys(std::string(kind.name) + ":")) {
-        const auto found = elements.find(key.substr(std::strlen(kind.name) + 1));
-        if (found == elements.end() || kind.device(found->second).empty())
-            remove_recorded(kind, key, ledger, report);
+    const std::string prefix = key_of(kind, "");
+    // First all that goes, so that links may exchange their numbers.
+    for (const auto& key : ledger.keys(prefix)) {
+        const auto found = elements.find(key.substr(prefix.size()));
+        const std::string dev = found == elements.end() ? "" : kind.device(found->second);
+        if (dev.empty())
+            report_removal(kind, key, ledger, report);
+        else if (const auto devices = recorded_devices(kind, ledger.record(key));
+                 !devices.empty() && devices != std::set<std::string>{dev})
+            remove_recorded(kind, key, ledger);
     }
     for (const auto& [name, element] : elements)
         if (!kind.device(element).empty()) apply_link(kind, name, element, device_id, ledger, report);
 }
 
 void remove_links(const LinkKind& kind, Ledger& ledger, Report& report) {
-    for (const auto& key : ledger.keys(std::string(kind.name) + ":"))
-        remove_recorded(kind, key, ledger, report);
+    for (const auto& key : ledger.keys(key_of(kind, ""))) report_removal(kind, key, ledger, report);
 }
 
 }  // namespace edged

@@ -1,8 +1,10 @@
 // corvo-edged: brings an edge up from its documents, watches its links, and answers for it.
 #include <corvosetup/log.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -14,6 +16,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <stdexcept>
+#include <system_error>
 
 #include "edged/edge.h"
 
@@ -50,11 +54,26 @@ void serve(vx::Server& server, const edged::Edge& edge, int reload_fd) {
     });
 }
 
+// Two daemons would undo each other's work. The lock goes with the process, however it ends.
+int lock_state(const std::string& directory) {
+    const int fd = ::open((directory + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), directory + "/lock");
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0)
+        throw std::runtime_error("another corvo-edged works with " + directory +
+                                 "; end it first, or name another --state-dir");
+    return fd;
+}
+
+void notify(const std::string& state, const edged::Edge& edge) {
+    sd_notify(0, (state + "STATUS=" + edge.summary()).c_str());
+}
+
 // Returns when the daemon was asked to end.
 void run(edged::Edge& edge, int signals, int reload) {
     std::uint64_t watchdog_us = 0;
     const bool watchdog = sd_watchdog_enabled(0, &watchdog_us) > 0;
     pollfd wait[2] = {{signals, POLLIN, 0}, {reload, POLLIN, 0}};
+    std::string said;
     for (;;) {
         if (watchdog) sd_notify(0, "WATCHDOG=1");
         const int ready = ::poll(wait, 2, 500);
@@ -72,9 +91,11 @@ void run(edged::Edge& edge, int signals, int reload) {
         if (apply) {
             sd_notify(0, "RELOADING=1");
             edge.apply();
-            sd_notify(0, "READY=1");
+            notify("READY=1\n", edge);
         }
         edge.tick();
+        if (said != edge.summary()) notify("", edge);
+        said = edge.summary();
     }
 }
 
@@ -119,16 +140,20 @@ int main(int argc, char** argv) {
     if (!runtime_dir.empty()) ::setenv("VX_RUNTIME_DIR", runtime_dir.c_str(), 1);
     try {
         std::filesystem::create_directories(options.state_directory);
+        const int lock = lock_state(options.state_directory);
         if (log_file.empty())
             std::filesystem::create_directories(std::filesystem::path(log_target).parent_path());
         reopen_setup_logger(log_file.empty() ? log_target : log_file);
         edged::Edge edge(options);
         const vx::ServerThread service([&](vx::Server& server) { serve(server, edge, reload); });
         edge.apply();
-        sd_notify(0, "READY=1");
+        // Ready to answer and to follow the documents, also when they cannot be applied yet: the status says
+        // so.
+        notify("READY=1\n", edge);
         run(edge, signals, reload);
         sd_notify(0, "STOPPING=1");
         edge.take_down();
+        ::close(lock);
     } catch (const std::exception& error) {
         std::cerr << "corvo-edged: " << error.what() << '\n';
         return 1;

@@ -14,6 +14,33 @@ namespace edged {
 
 namespace {
 
+constexpr int kAllTables = -1;
+
+PrivateLink private_link(const Json::Value& element) {
+    Json::Value copy = element;
+    return PrivateLink(text_of(element, "slave"), copy);
+}
+
+// What of the site document the routes of private links are made from. The active hub is not among it.
+Json::Value private_view(const Json::Value& site, int device_id) {
+    Json::Value out(Json::objectValue);
+    const Json::Value sites = site.isObject() ? site.get("SITE_INFO", Json::Value()) : Json::Value();
+    if (!sites.isObject()) return out;
+    const std::string own = std::to_string(device_id);
+    for (const auto& name : sites.getMemberNames()) {
+        const Json::Value& from = sites[name];
+        if (!from.isObject()) continue;
+        for (const auto& member : from.getMemberNames()) {
+            const bool used = name == own ? member == "DOMAIN"
+                                          : member == "DOMAIN" || member == "LAN" || member == "PORT1" ||
+                                                member == "STATIC_ROUTE" ||
+                                                member.find("PRIVATE") != std::string::npos;
+            if (used) out[name][member] = from[member];
+        }
+    }
+    return out;
+}
+
 // A document applied to one link, or (IPv6 and regional routes) to all of them at once.
 struct Target {
     std::string key;
@@ -64,15 +91,26 @@ Json::Value list_of(const Json::Value& document, const char* name) {
     return found.isArray() ? found : Json::Value(Json::arrayValue);
 }
 
-// The document that leads from `old` to `fresh`: routes that are gone are deleted, new and changed ones
-// added, all others not touched, so that traffic over them is not disturbed. A changed route is one of equal
-// site and destination; adding it replaces it.
-Json::Value difference(const Json::Value& old, const Json::Value& fresh) {
+// What a record says is in the kernel, and what a step that was cut short may have put there.
+struct Recorded {
+    Json::Value sure = Json::Value();
+    Json::Value maybe = Json::Value();
+};
+
+Recorded recorded_of(const Json::Value& record) {
+    if (record.isMember("begun")) return {Json::Value(), record};
+    return {record["applied"], Json::Value()};
+}
+
+// The document that leads from what is recorded to `fresh`: routes that are gone are deleted, new and changed
+// ones added, all others not touched, so that traffic over them is not disturbed. A changed route is one of
+// equal site and destination; adding it replaces it.
+Json::Value difference(const Recorded& old, const Json::Value& fresh) {
     Json::Value out(Json::objectValue);
     out["del"] = list_of(fresh, "del");
     out["add"] = Json::Value(Json::arrayValue);
-    std::set<std::string> old_texts;
-    for (const auto& element : list_of(old, "add")) old_texts.insert(compact(element));
+    std::set<std::string> sure;
+    for (const auto& element : list_of(old.sure, "add")) sure.insert(compact(element));
     std::set<std::string> kept_keys;
     const auto key = [](const Json::Value& element) {
         return text_of(element, "SITE") + " " +
@@ -80,19 +118,20 @@ Json::Value difference(const Json::Value& old, const Json::Value& fresh) {
     };
     for (const auto& element : list_of(fresh, "add")) {
         kept_keys.insert(key(element));
-        if (!old_texts.count(compact(element))) out["add"].append(element);
+        if (!sure.count(compact(element))) out["add"].append(element);
     }
-    for (const auto& element : list_of(old, "add"))
-        if (!kept_keys.count(key(element))) out["del"].append(element);
+    for (const auto& document : {old.sure, old.maybe["applied"], old.maybe["begun"]})
+        for (const auto& element : list_of(document, "add"))
+            if (!kept_keys.count(key(element))) out["del"].append(element);
     return out;
 }
 
-int apply_difference(const RouteDocument& document, const Target& target, const Json::Value& old,
+int apply_difference(const RouteDocument& document, const Target& target, const Json::Value& record,
                      const std::string& work_directory) {
     const std::string path = work_directory + "/route-change.json";
     {
         std::ofstream out(path, std::ios::trunc);
-        out << compact(difference(old, document.root)) << '\n';
+        out << compact(difference(recorded_of(record), document.root)) << '\n';
         if (!out.flush()) return -3016;
     }
     return call_library(document, target, path);
@@ -105,13 +144,13 @@ void apply_target(const RouteDocument& document, const Target& target, const std
         return;
     }
     const Json::Value recorded = ledger.record(target.key);
-    const bool same_devices = recorded.isObject() && recorded["ifindex"] == target.fingerprint;
-    const int code = same_devices ? apply_difference(document, target, recorded["applied"], work_directory)
+    // Of another device only the numbers are the same: its routes went with it.
+    const bool same_devices =
+        recorded.isObject() && (recorded["ifindex"].isNull() || recorded["ifindex"] == target.fingerprint);
+    ledger.begin(target.key, document.root);
+    const int code = same_devices ? apply_difference(document, target, recorded, work_directory)
                                   : call_library(document, target, document.path);
-    if (code == 0)
-        ledger.put(target.key, document.root, target.fingerprint);
-    else
-        ledger.drop(target.key);
+    if (code == 0) ledger.put(target.key, document.root, target.fingerprint);
     report.change(target.key,
                   code != 0      ? Change::kFailed
                   : same_devices ? Change::kReplaced
@@ -135,8 +174,11 @@ void remove_vanished(const Desired& desired, const std::set<std::string>& wanted
         const auto& links = is_private(gone.type) ? desired.privates : desired.wans;
         int code = 0;
         // With its link the routes went too.
-        if (!is_per_link(gone.type) || links.count(target.ifname))
-            code = apply_difference(gone, target, ledger.record(key)["applied"], work_directory);
+        if (!is_per_link(gone.type) || links.count(target.ifname)) {
+            const Json::Value recorded = ledger.record(key);
+            ledger.begin(key);
+            code = apply_difference(gone, target, recorded, work_directory);
+        }
         ledger.drop(key);
         report.change(key, code == 0 ? Change::kRemoved : Change::kFailed, code);
     }
@@ -154,43 +196,42 @@ void apply_routes(const Desired& desired, const std::string& work_directory, Led
             apply_target(document, target, work_directory, ledger, report);
 }
 
-void restore_default_tables(const Desired& desired, Ledger& ledger, Report& report) {
-    for (const auto& document : desired.routes) {
-        if (document.type != "default" && document.type != "private_default") continue;
-        for (const auto& target : targets_of(document, desired)) {
-            const int code = call_library(document, target, document.path);
-            if (code != 0) {
-                ledger.drop(target.key);
-                report.change(target.key, Change::kFailed, code);
-            }
-        }
+void doubt_default_table(const std::string& link, bool private_link, Ledger& ledger) {
+    if (!private_link) {
+        ledger.doubt("route:default:", ":" + link);
+        return;
     }
-    for (const auto& [name, element] : desired.privates) {
-        Json::Value copy = element;
-        PrivateLink link(text_of(element, "slave"), copy);
-        if (link.obtain_ifindex() > 0) link.presetup_tun_routing();
-    }
+    ledger.doubt("route:private_default:");  // all private links share one
+    ledger.doubt("private-routes:");
 }
 
 void apply_private_routes(const Desired& desired, Ledger& ledger, Report& report) {
+    const Json::Value view = private_view(desired.site, desired.device_id);
+    const auto same = [&](const Json::Value& made_from) { return compact(made_from) == compact(view); };
+    const auto key_of = [](const std::string& name) { return "private-routes:" + name; };
+    // Another site document makes the routes of the links that stay stale, those of route documents in the
+    // same tables with them.
     for (const auto& [name, element] : desired.privates) {
-        const std::string key = "private-routes:" + name;
+        const Json::Value recorded = ledger.record(key_of(name));
+        if (!recorded.isObject() || recorded["ifindex"] != index_of(kPrivate, element)) continue;
+        if (same(recorded["applied"]) && (!recorded.isMember("begun") || same(recorded["begun"]))) continue;
+        ledger.begin(key_of(name), view);
+        ledger.doubt("private-routes:");
+        ledger.doubt("route:private_");
+        private_link(element).destroy_tun_route(kAllTables);
+    }
+    for (const auto& [name, element] : desired.privates) {
         const int index = index_of(kPrivate, element);
-        if (index <= 0) continue;
-        Json::Value made_from(Json::objectValue);
-        made_from["site"] = desired.site;
-        const Json::Value recorded = ledger.record(key);
-        if (ledger.fits(key, made_from, index)) continue;
-        // Bringing the link up installed them; only another site document makes them stale.
-        if (recorded.isObject() && recorded["ifindex"] == index) {
-            Json::Value copy = element;
-            PrivateLink link(text_of(element, "slave"), copy);
-            link.destroy_tun_route(1 | 2 | 4);
-            const int code = link.presetup_tun_routing();
-            report.change(key, code == 0 ? Change::kReplaced : Change::kFailed, code);
-            if (code != 0) continue;
+        if (index <= 0 || ledger.fits(key_of(name), view, index)) continue;
+        const Json::Value recorded = ledger.record(key_of(name));
+        // Without a record, bringing the link up has just installed them.
+        int code = 0;
+        if (recorded.isObject()) {
+            ledger.begin(key_of(name), view);
+            code = private_link(element).presetup_tun_routing();
+            report.change(key_of(name), code == 0 ? Change::kReplaced : Change::kFailed, code);
         }
-        ledger.put(key, made_from, index);
+        if (code == 0) ledger.put(key_of(name), view, index);
     }
 }
 

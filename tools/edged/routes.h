@@ -10,10 +10,10 @@ namespace edged {
 // Applies every route document of `desired` that is not applied yet, or whose devices are others now.
 void apply_routes(const Desired& desired, const std::string& work_directory, Ledger& ledger, Report& report);
 
-// Applies the documents of the default tables again, which the monitors flush when they stop.
-void restore_default_tables(const Desired& desired, Ledger& ledger, Report& report);
+// Before a monitor stops: the library flushes the default table of its link then.
+void doubt_default_table(const std::string& link, bool private_link, Ledger& ledger);
 
-// Rebuilds the routes that a private link takes from the site document, when that document changed.
+// Installs the routes that private links take from the site document, where they are not those of `desired`.
 void apply_private_routes(const Desired& desired, Ledger& ledger, Report& report);
 
 }  // namespace edged

@@ -1,0 +1,197 @@
+// The daemon as a process: what it tells the service manager, the privileges that it needs, and corvoctl's
+// view of it.
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "foundation/json.h"
+#include "netns/edged/edge.h"
+
+using namespace corvo::test;
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+class EdgedProcess : public EdgeTest {
+protected:
+    static Json::Value parsed(const std::string& text) {
+        Json::Value value;
+        EXPECT_TRUE(corvo::parse_json(text, value)) << text;
+        return value;
+    }
+};
+
+// The service manager's end of the notification socket.
+class Manager {
+public:
+    Manager() : path_(scratch_dir() + "/notify"), fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
+        EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    const std::string& path() const { return path_; }
+
+    // Waits for a message with this line in it; what came before is passed over.
+    bool hears(const std::string& line, std::chrono::milliseconds limit = 20s) {
+        return wait_until(
+            [&] {
+                pollfd end{fd_.get(), POLLIN, 0};
+                char text[1024];
+                while (::poll(&end, 1, 0) == 1) {
+                    const ssize_t got = ::recv(fd_.get(), text, sizeof text, 0);
+                    if (got < 0) return false;
+                    const std::string message(text, static_cast<std::size_t>(got));
+                    if (("\n" + message + "\n").find("\n" + line) != std::string::npos) return true;
+                }
+                return false;
+            },
+            limit);
+    }
+
+private:
+    std::string path_;
+    corvo::UniqueFd fd_;
+};
+
+TEST_F(EdgedProcess, TellsTheServiceManagerThatItIsReadyAndAlive) {
+    Manager manager;
+    Daemon daemon({.environment = {"NOTIFY_SOCKET=" + manager.path(), "WATCHDOG_USEC=3000000"}});
+    ASSERT_TRUE(manager.hears("READY=1"));
+    // Ready means that traffic has a way.
+    EXPECT_FALSE(default_routes().empty());
+    EXPECT_TRUE(manager.hears("WATCHDOG=1"));
+    EXPECT_TRUE(manager.hears("WATCHDOG=1"));
+    EXPECT_TRUE(manager.hears("STATUS=2 of 2 WAN links up"));
+    daemon.signal(SIGHUP);
+    EXPECT_TRUE(manager.hears("RELOADING=1"));
+    EXPECT_TRUE(manager.hears("READY=1"));
+    daemon.signal(SIGTERM);
+    EXPECT_TRUE(manager.hears("STOPPING=1"));
+    EXPECT_EQ(daemon.wait(), 0);
+}
+
+TEST_F(EdgedProcess, SaysWhyItIsNotUpYet) {
+    services->kill();
+    Manager manager;
+    Daemon daemon({.environment = {"NOTIFY_SOCKET=" + manager.path()}});
+    EXPECT_TRUE(manager.hears("STATUS=not brought up: the configuration service gives no device id"));
+}
+
+unsigned long long status_field(pid_t pid, const std::string& name) {
+    const std::string text = read_file("/proc/" + std::to_string(pid) + "/status");
+    const auto at = text.find("\n" + name + ":");
+    return at == std::string::npos ? ~0ULL : std::strtoull(text.c_str() + at + name.size() + 2, nullptr, 16);
+}
+
+// The owner of /proc/sys and of the documents, without any power of root's but those over the network.
+void keep_network_capabilities() {
+    for (int cap = 0; cap <= 63; ++cap)
+        if (cap != CAP_NET_ADMIN && cap != CAP_NET_RAW) ::prctl(PR_CAPBSET_DROP, cap, 0, 0, 0);
+    ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+}
+
+TEST_F(EdgedProcess, NeedsNoMoreThanTheNetworkCapabilities) {
+    Daemon daemon({.before_exec = keep_network_capabilities});
+    ASSERT_TRUE(wait_for_links("up", "up")) << corvo::compact_json(daemon_state());
+    const unsigned long long both = 1ULL << CAP_NET_ADMIN | 1ULL << CAP_NET_RAW;
+    for (const char* set : {"CapEff", "CapPrm", "CapBnd"})
+        EXPECT_EQ(status_field(daemon.pid(), set), both) << set;
+    EXPECT_THAT(default_routes(), ElementsAre("100 eth1*5 eth2*2"));
+    EXPECT_EQ(condition("PORT1"), "1");
+    // What /proc/sys writes need is there too.
+    const Json::Value failed = daemon_state()["failed_steps"];
+    for (const char* step : {"presetup:ipv4", "presetup:ipv6", "presetup:rps"})
+        EXPECT_FALSE(failed.isMember(step)) << step;
+    EXPECT_EQ(read_file("/proc/sys/net/ipv4/ip_forward"), "1\n");
+    gateway(1, false);
+    ASSERT_TRUE(wait_for_links("down", "up"));
+    EXPECT_THAT(default_routes(), ElementsAre("100 eth2"));
+    EXPECT_EQ(daemon.terminate(), 0);
+}
+
+TEST_F(EdgedProcess, IsMissedByCorvoctlWithCauseAndAdvice) {
+    for (const char* verb : {"status", "links", "reload", "watch"}) {
+        const ToolResult result = corvoctl({verb});
+        EXPECT_EQ(result.status, 1) << verb;
+        EXPECT_THAT(result.err,
+                    AllOf(HasSubstr("corvo-edged does not answer"), HasSubstr("systemctl status")))
+            << verb;
+        EXPECT_EQ(result.out, "") << verb;
+        const ToolResult json = corvoctl({"-j", verb});
+        EXPECT_EQ(json.status, 1) << verb;
+        const Json::Value report = parsed(json.out);
+        EXPECT_EQ(report["schema"], 1) << verb;
+        EXPECT_EQ(report["ok"], false) << verb;
+        EXPECT_THAT(report["failure"].asString(), HasSubstr("does not answer")) << verb;
+    }
+}
+
+TEST_F(EdgedProcess, ShowsItsStateToCorvoctl) {
+    Daemon daemon;
+    ASSERT_TRUE(wait_for_links("up", "up"));
+    const ToolResult status = corvoctl({"status"});
+    EXPECT_EQ(status.status, 0) << status.err;
+    EXPECT_THAT(status.out, AllOf(HasSubstr("device 11"), HasSubstr("eth1 up for"),
+                                  HasSubstr("gateway 203.0.113.1"), HasSubstr("documents applied")));
+    const ToolResult links = corvoctl({"links"});
+    EXPECT_EQ(links.status, 0) << links.err;
+    EXPECT_THAT(links.out, AllOf(HasSubstr("eth1 up"), HasSubstr("eth2 up")));
+    EXPECT_THAT(links.out, testing::Not(HasSubstr("device 11")));
+    const Json::Value report = parsed(corvoctl({"-j", "links"}).out);
+    EXPECT_EQ(report["schema"], 1);
+    EXPECT_EQ(report["command"], "links");
+    ASSERT_EQ(report["data"]["links"].size(), 2U);
+    EXPECT_EQ(report["data"]["links"][0]["ifname"], "eth1");
+    EXPECT_EQ(report["data"]["links"][0]["status"], "up");
+    EXPECT_EQ(parsed(corvoctl({"-j", "status"}).out)["data"]["device_id"], 11);
+    const ToolResult gateways = corvoctl({"gateways", "show"});
+    EXPECT_THAT(gateways.out, AllOf(HasSubstr("dev eth1"), HasSubstr("weight 5"), HasSubstr("metric 100")));
+}
+
+TEST_F(EdgedProcess, TellsCorvoctlWhatBecameOfAReload) {
+    Daemon daemon;
+    ASSERT_TRUE(wait_for_links("up", "up"));
+    const ToolResult good = corvoctl({"reload"});
+    EXPECT_EQ(good.status, 0) << good.err;
+    EXPECT_THAT(good.out, HasSubstr("documents applied"));
+    wan("eth2")["ID"] = "1";
+    publish();
+    const ToolResult bad = corvoctl({"reload"});
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_THAT(bad.err, AllOf(HasSubstr("refused"), HasSubstr("/WAN_IFACE_INFO/eth2/ID")));
+    EXPECT_EQ(parsed(corvoctl({"-j", "reload"}).out)["ok"], false);
+    EXPECT_EQ(link_status("eth2"), "up");
+}
+
+TEST_F(EdgedProcess, IsWatchedInPlainLinesWithoutATerminal) {
+    Daemon daemon;
+    ASSERT_TRUE(wait_for_links("up", "up"));
+    const ToolResult view = corvoctl({"watch", "--count", "2", "--interval", "1"});
+    EXPECT_EQ(view.status, 0) << view.err;
+    EXPECT_THAT(view.out,
+                AllOf(HasSubstr("corvo edge 11"), HasSubstr("\neth1       up"), HasSubstr("EVENTS")));
+    EXPECT_EQ(view.out.find('\033'), std::string::npos);
+    const ToolResult json = corvoctl({"-j", "watch", "--count", "2", "--interval", "1"});
+    std::istringstream lines(json.out);
+    int count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        const Json::Value report = parsed(line);
+        EXPECT_EQ(report["schema"], 1);
+        EXPECT_EQ(report["data"]["links"].size(), 2U);
+    }
+    EXPECT_EQ(count, 2);
+}
+
+}  // namespace
