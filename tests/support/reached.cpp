@@ -80,18 +80,17 @@ private:
         errno = saved;
     }
 
-    // Codes are kept: "ret: -3011" and "ret: -3005" are two lines. A full table only notes lines again.
+    // Negative numbers are kept: "ret: -3011" and "ret: -3005" are two lines. A full table only notes lines
+    // again.
     bool is_known(std::string_view level, std::string_view line) {
         std::uint64_t hash = 14695981039346656037U;
         const auto add = [&](char c) { hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U; };
         for (const char c : level) add(c);
-        for (std::size_t i = 0; i < line.size(); ++i) {
-            if (line.substr(i).starts_with("-30")) {
-                for (const char c : line.substr(i, 5)) add(c);
-                i += 4;
-            } else if (line[i] < '0' || line[i] > '9') {
-                add(line[i]);
-            }
+        bool negative = false;
+        for (const char c : line) {
+            const bool digit = c >= '0' && c <= '9';
+            negative = c == '-' || (negative && digit);
+            if (!digit || negative) add(c);
         }
         hash |= 1;
         for (std::size_t probe = 0; probe < 8; ++probe) {
