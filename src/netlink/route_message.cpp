@@ -13,8 +13,8 @@ namespace corvo::nl {
 
 namespace {
 
-constexpr unsigned kDefaultDestinationOps =
-    1;  // adding and deleting: an empty destination is the default one
+// Adding and deleting: an empty destination is the default one.
+constexpr unsigned kDefaultDestinationOps = 1;
 constexpr unsigned kFlush = 2;
 
 std::uint8_t weight_of(const nexthop& hop) {

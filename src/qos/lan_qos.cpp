@@ -2,11 +2,11 @@
 
 #include "corvosetup/lan_qos.h"
 
-#include "corvosetup/utils.h"
 #include "foundation/guard.h"
 #include "foundation/log_line.h"
 #include "netlink/tc_session.h"
 #include "qos/qos_rates.h"
+#include "qos/shaper.h"
 
 using corvo::guarded;
 namespace log_ = corvo::log;
@@ -14,11 +14,6 @@ namespace log_ = corvo::log;
 namespace {
 
 constexpr const char* kFile = "lan_qos.cpp";
-
-int object_failed(const char* what, const std::string& number, int result) {
-    log_::error("Setup ", what, ": 1:", number, " failed, Ret", result);
-    return result;
-}
 
 }  // namespace
 
@@ -30,8 +25,7 @@ ProcLanQoS::ProcLanQoS(std::string& dev_name, std::vector<LanQosCls>& class_list
 int ProcLanQoS::check_iface() {
     return guarded([&]() -> int {
         const log_::Entry entry{kFile, "check_iface"};
-        if (dev.empty()) return entry.leave(int{corvo::kInvalidArgument});
-        return entry.leave(get_ifindex(dev.c_str()) < 1 ? int{corvo::kNoInterface} : int{corvo::kOk});
+        return entry.leave(corvo::qos::check_device(dev));
     });
 }
 
@@ -49,18 +43,18 @@ int ProcLanQoS::setup_qos() {
             const auto rate = static_cast<uint32_t>(group.rate);
             const tc_options options{0, rate, rate, group.prio};
             const int result = tree.add_class("1:", ("1:" + number).c_str(), "htb", &options);
-            if (result < 0) return entry.leave(object_failed("class", number, result));
+            if (result < 0) return entry.leave(corvo::qos::object_failed("class", number, result));
         }
         for (const LanQosCls& group : classes) {
             const std::string number = corvo::qos::hex(group.prio);
             const int result =
                 tree.add_qdisc(("1:" + number).c_str(), (number + "0:").c_str(), "fq", nullptr);
-            if (result < 0) return entry.leave(object_failed("qdisc", number, result));
+            if (result < 0) return entry.leave(corvo::qos::object_failed("qdisc", number, result));
         }
         for (const U32QoSObj& rule : rules) {
             const std::string number = corvo::qos::hex(rule.prio);
             const int result = tree.add_u32_filter("1:", ("1:" + number).c_str(), &rule);
-            if (result < 0) return entry.leave(object_failed("filter", number, result));
+            if (result < 0) return entry.leave(corvo::qos::object_failed("filter", number, result));
         }
         if (redirect.empty()) return entry.leave(int{corvo::kOk});
 

@@ -8,6 +8,7 @@
 #include "foundation/guard.h"
 #include "foundation/log_line.h"
 #include "qos/lan_rules.h"
+#include "qos/shaper.h"
 
 using corvo::guarded;
 namespace log_ = corvo::log;
@@ -19,8 +20,6 @@ constexpr const char* kFile = "lan_qos.cpp";
 constexpr const char* kShapingPath = "/etc/networkmanagement/lan_qos.json";
 constexpr const char* kDevicePath = "/etc/networkmanagement/device_info.json";
 constexpr const char* kUplinkDevice = "ifb0";
-
-enum Operation : unsigned { kStart, kStop, kRestart, kOperations };
 
 // Loads the document and hands it to `read`. A member of the wrong type ends in the one line both readers
 // have for it.
@@ -54,14 +53,7 @@ int parse_qos_info(const std::string& path, unsigned short protocol, qos::LanSha
 
 // Whether the operation failed on this device.
 bool failed(unsigned op, ProcLanQoS&& shaper) {
-    switch (op) {
-        case kStop:
-            return shaper.stop() != 0;
-        case kRestart:
-            return shaper.restart() != 0;
-        default:
-            return shaper.start() != 0;
-    }
+    return qos::run(op, shaper) != 0;
 }
 
 void run_all(unsigned op, const qos::LanPorts& ports, qos::LanShaping& shaping) {
@@ -96,7 +88,7 @@ int setup_lan_qos(int op, std::string& dev, std::string& conf, std::string& dev_
                 "Set dev_info config path to default path /etc/networkmanagement/device_info.json.\n");
         }
         const auto operation = static_cast<unsigned>(op);
-        if (operation >= kOperations) return entry.leave(int{corvo::kInvalidArgument});
+        if (operation >= qos::kOperations) return entry.leave(int{corvo::kInvalidArgument});
 
         qos::LanPorts ports;
         if (const int result = parse_dev_info(dev_conf, dev, ports); result < 0) {

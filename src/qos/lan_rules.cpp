@@ -9,12 +9,10 @@
 #include "foundation/json.h"
 #include "foundation/log_line.h"
 #include "foundation/result.h"
+#include "qos/shaper.h"
 
 namespace corvo::qos {
 namespace {
-
-constexpr unsigned short kIpv4 = 0x800;
-constexpr unsigned short kVlan = 0x8100;
 
 const Json::Value& expect(const Json::Value& value, Json::ValueType type, const char* what) {
     if (!value.isNull() && value.type() != type) {

@@ -12,6 +12,7 @@
 #include "netlink/tc_session.h"
 #include "qos/document_ahead.h"
 #include "qos/qos_rates.h"
+#include "qos/shaper.h"
 
 using corvo::guarded;
 namespace log_ = corvo::log;
@@ -23,11 +24,9 @@ constexpr const char* kFile = "qos.cpp";
 constexpr const char* kShapingDocument = "/etc/networkmanagement/qos.json";
 
 constexpr unsigned long kUnratedCeiling = 125000;  // 1 Mbit/s
-constexpr unsigned kUsualDefaultClass = 3;
 constexpr unsigned kManagementPriority = 1;
 constexpr unsigned kManagementMark = 0x3c0;
 constexpr unsigned kMarkStep = 0x40;
-constexpr unsigned short kIpv4 = 0x800;
 constexpr int kFilterAttempts = 3;
 constexpr std::chrono::seconds kFilterPause{1};
 
@@ -52,8 +51,7 @@ std::string mark_of(std::size_t position) {
 
 // One object of the tree; a failure names it by its position in decimal, as the log has always had it.
 int object_failed(const char* what, std::size_t position, int result) {
-    log_::error("Setup ", what, ": 1:", position, "0 failed, Ret", result);
-    return result;
+    return qos::object_failed(what, std::to_string(position) + "0", result);
 }
 
 }  // namespace
@@ -64,7 +62,7 @@ ProcQoS::ProcQoS(std::string dev_name, unsigned long rx_rate, unsigned long tx_r
       out_ceil(tx_rate ? tx_rate / 8 : kUnratedCeiling),
       hidden_prio(0),
       path(std::move(path_name)),
-      def_class(kUsualDefaultClass) {
+      def_class(qos::kUsualDefaultClass) {
     const int number = qos::ifb_number(dev);
     ifb = "ifb" + std::to_string(number);
     log_::debug("dev: ", dev, ", idx: ", number, ", ifb: ", ifb);
@@ -73,8 +71,7 @@ ProcQoS::ProcQoS(std::string dev_name, unsigned long rx_rate, unsigned long tx_r
 int ProcQoS::check_iface() {
     return guarded([&]() -> int {
         const log_::Entry entry{kFile, "check_iface"};
-        if (dev.empty()) return entry.leave(int{corvo::kInvalidArgument});
-        return entry.leave(get_ifindex(dev.c_str()) < 1 ? int{corvo::kNoInterface} : int{corvo::kOk});
+        return entry.leave(qos::check_device(dev));
     });
 }
 
@@ -241,11 +238,11 @@ int ProcQoS::start() {
         if (result < 0) log_::error("Setup QoS error.\n");  // the ingress side is worth having all the same
         if (in_ceil == 0) return entry.leave(result);
 
-        if (result = setup_qdisc_ingress(dev.c_str(), ifb.c_str(), kIpv4); result < 0) {
+        if (result = setup_qdisc_ingress(dev.c_str(), ifb.c_str(), qos::kIpv4); result < 0) {
             log_::error("Setup Root Ingress failed, Ret: ", result);
         }
         for (int attempt = 0; attempt < kFilterAttempts; ++attempt) {
-            result = setup_qdisc_ingress_filter(dev.c_str(), ifb.c_str(), kIpv4);
+            result = setup_qdisc_ingress_filter(dev.c_str(), ifb.c_str(), qos::kIpv4);
             if (result == 0) break;
             log_::error("Setup Ingress Filter failed, Ret: ", result);
             corvo::Worker::current_stop().wait_for(kFilterPause);

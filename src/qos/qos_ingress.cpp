@@ -3,10 +3,10 @@
 #include <string>
 
 #include "corvosetup/qos.h"
-#include "corvosetup/utils.h"
 #include "foundation/command.h"
 #include "foundation/guard.h"
 #include "foundation/log_line.h"
+#include "qos/shaper.h"
 
 using corvo::guarded;
 namespace log_ = corvo::log;
@@ -37,8 +37,7 @@ std::string verb(const char* object, const std::string& device, const char* kind
 int ProcQoS::check_ifb_iface() {
     return guarded([&]() -> int {
         const log_::Entry entry{kFile, "check_ifb_iface"};
-        if (ifb.empty()) return entry.leave(int{corvo::kInvalidArgument});
-        return entry.leave(get_ifindex(ifb.c_str()) < 1 ? int{corvo::kNoInterface} : int{corvo::kOk});
+        return entry.leave(corvo::qos::check_device(ifb));
     });
 }
 

@@ -6,11 +6,6 @@
 #include "foundation/json.h"
 
 namespace corvo::qos {
-namespace {
-
-constexpr unsigned kUsualDefaultClass = 3;
-
-}  // namespace
 
 Percentages read_percentages(const Json::Value& document) {
     Percentages result;

@@ -15,6 +15,7 @@
 namespace corvo::qos {
 
 inline constexpr std::uint64_t kFullPercent = 100;
+inline constexpr unsigned kUsualDefaultClass = 3;
 
 // What stands in "RATE".
 struct Percentages {

@@ -9,6 +9,7 @@
 #include "foundation/guard.h"
 #include "foundation/json.h"
 #include "foundation/log_line.h"
+#include "qos/shaper.h"
 
 using corvo::guarded;
 namespace log_ = corvo::log;
@@ -19,8 +20,6 @@ constexpr const char* kFile = "qos.cpp";
 constexpr const char* kDevicePath = "/etc/networkmanagement/device_info.json";
 
 using LineRates = std::unordered_map<std::string, linerate>;
-
-enum Operation : unsigned { kStart, kStop, kRestart, kOperations };
 
 // A rate of another type than text or number is none, and an interface without a transmit rate is shaped all
 // the same: say why.
@@ -64,17 +63,6 @@ int prepare_qos_info(const std::string& path, bool tun, LineRates& rates) {
     return entry.leave(int{corvo::kOk});
 }
 
-int run(unsigned op, ProcQoS&& shaper) {
-    switch (op) {
-        case kStop:
-            return shaper.stop();
-        case kRestart:
-            return shaper.restart();
-        default:
-            return shaper.start();
-    }
-}
-
 }  // namespace
 
 int setup_qos(int op, std::string& dev, std::string& path, bool tun) {
@@ -86,7 +74,7 @@ int setup_qos(int op, std::string& dev, std::string& path, bool tun) {
             log_::debug("Set config path to default path ", path);
         }
         const auto operation = static_cast<unsigned>(op);
-        if (operation >= kOperations) return entry.leave(int{corvo::kInvalidArgument});
+        if (operation >= corvo::qos::kOperations) return entry.leave(int{corvo::kInvalidArgument});
 
         LineRates known;
         if (const int result = prepare_qos_info(path, tun, known); result < 0) {
@@ -104,7 +92,7 @@ int setup_qos(int op, std::string& dev, std::string& path, bool tun) {
         }
         int result = corvo::kOk;
         for (const auto& [name, rate] : selected) {
-            result = run(operation, ProcQoS(name, rate.rx_rate, rate.tx_rate, path));
+            result = corvo::qos::run(operation, ProcQoS(name, rate.rx_rate, rate.tx_rate, path));
         }
         return entry.leave(result);
     });
