@@ -8,7 +8,11 @@
 //
 // Threading: the library writes whole lines under a lock of its own; the functions below take the same lock
 // and may be called from any thread. The variables are plain: set them before the threads start, or live with
-// a moment's delay. A program that writes to `setup_logger` itself writes beside that lock.
+// a moment's delay. A program that writes to `setup_logger` itself writes beside that lock. A child made by
+// fork() may log at once.
+//
+// Time zone: get_cur_time() looks at it each time. Lines are stamped in the zone that it, an entry point of
+// the daemon or a reopening looked at last.
 //
 // Errors: none are reported. A line that cannot be written (a full disk) is lost, and only that line.
 #pragma once
