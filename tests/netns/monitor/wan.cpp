@@ -86,16 +86,6 @@ ShortPeriods::~ShortPeriods() {
     periods.queue = kNeighPeriod;
 }
 
-NoDescriptors::NoDescriptors() {
-    ::getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit none{0, before_.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &none);
-}
-
-NoDescriptors::~NoDescriptors() {
-    ::setrlimit(RLIMIT_NOFILE, &before_);
-}
-
 MonitorTest::MonitorTest() {
     gws.flush_gws();
     clear_log();

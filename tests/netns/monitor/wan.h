@@ -3,7 +3,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <chrono>
 #include <memory>
@@ -14,6 +13,7 @@
 #include "corvosetup/route.h"
 #include "monitor/cycle.h"
 #include "netns/monitor/in_process_services.h"
+#include "support/no_descriptors.h"
 #include "support/recorder.h"
 #include "support/sandbox.h"
 
@@ -46,18 +46,6 @@ class ShortPeriods {
 public:
     explicit ShortPeriods(std::chrono::milliseconds period);
     ~ShortPeriods();
-};
-
-// No descriptor is to be had while it lives.
-class NoDescriptors {
-public:
-    NoDescriptors();
-    ~NoDescriptors();
-    NoDescriptors(const NoDescriptors&) = delete;
-    NoDescriptors& operator=(const NoDescriptors&) = delete;
-
-private:
-    rlimit before_{};
 };
 
 // InProcessServices, one WAN, and nothing left over from the test before.

@@ -9,12 +9,12 @@
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "support/no_descriptors.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -124,15 +124,10 @@ TEST_F(NeighbourQuery, OtherRefusalsAreFailures) {
 }
 
 TEST_F(NeighbourQuery, WithoutADescriptorFails) {
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const rlimit none{0, before.rlim_max};
     const auto index = static_cast<int>(if_nametoindex("eth1"));
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const NoDescriptors none;
     Neighbour entry;
-    const int result = find_neighbour(index, in_addr{htonl(0xC0000201)}, entry);
-    setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(result, -3009);
+    EXPECT_EQ(find_neighbour(index, in_addr{htonl(0xC0000201)}, entry), -3009);
 }
 
 TEST_F(NeighbourQuery, LeavesNothingOpen) {
