@@ -180,6 +180,8 @@ void write_locked(corvo::log::Level level, std::string_view text, bool ends_line
 
 std::string get_cur_time() {
     return corvo::guarded_or(std::string(" >>> "), [] {
+        NoCancel no_cancel;
+        std::lock_guard hold(log_lock);  // the C library's own lock of the zone is hidden from race checkers
         tzset();
         return time_text();
     });
@@ -232,8 +234,8 @@ void write(Level level, std::string_view text, bool ends_line) {
 void ensure_file() {
     guarded_void([] {
         NoCancel no_cancel;
-        tzset();
         std::lock_guard hold(log_lock);
+        tzset();
         if (log_closed || does_file_exist(log_target)) return;
         close_stream();
         reopen_locked(log_target);
