@@ -11,6 +11,7 @@ int main(int argc, char** argv) {
         "Calls the functions of libcorvosetup by hand, and talks to corvo-edged.\n"
         "Exit status: 0 done, 1 an operation failed (why is on standard error), 2 wrong usage."};
     app.name("corvoctl");
+    app.set_version_flag("--version", "corvoctl " CORVO_VERSION, "Print the version and end");
     app.require_subcommand(1);
     app.fallthrough();
 

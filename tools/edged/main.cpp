@@ -112,6 +112,7 @@ int main(int argc, char** argv) {
         "data "
         "plane as it is configured."};
     app.name("corvo-edged");
+    app.set_version_flag("--version", "corvo-edged " CORVO_VERSION, "Print the version and end");
     app.add_option("--documents", options.documents, "Directory of the documents")->capture_default_str();
     app.add_option("--state-dir", options.state_directory, "Where the daemon keeps what it has applied")
         ->capture_default_str();
