@@ -78,14 +78,15 @@ class Device:
         return {}
 
     def kernel_state(self):
-        """Everything that the daemon could leave behind, as sorted lines, without what changes by itself."""
+        """Everything that the daemon could leave behind, as sorted lines. Not what the kernel makes by itself:
+        link-local addresses, what it adds to sit0 when the presetup's values are written, default queues."""
         shown = self.machine.run("ip", "-o", "-batch", "-",
                                  text="link show\naddr show\nrule show\nroute show table all\nfou show\n")
         shown += self.machine.run("ip", "-6", "rule", "show") + self.machine.run("tc", "qdisc", "show")
         out = set()
         for line in shown.splitlines():
             words = line.split()
-            if not words or "fe80:" in line or "ff00:" in line or "anycast" in line or "multicast" in line:
+            if not words or any(part in line for part in ("fe80:", "ff00:", "anycast", "multicast", "sit0", " 0: dev")):
                 continue
             if words[0] == "qdisc":
                 words = words[:5]                       # kind, handle, device

@@ -5,7 +5,7 @@ from dataclasses import dataclass
 
 # Low enough for an emulated machine, and two to one so that the weights can be seen.
 WAN_A_TX, WAN_B_TX = 2_000_000, 1_000_000
-WAN_A_RX = 3_000_000
+WAN_A_RX = 2_000_000
 HUB_RATE = 20_000_000
 SHARES = [50, 30]  # percent of the egress rate, of the first and second class
 

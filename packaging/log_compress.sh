@@ -16,7 +16,12 @@ tmp=$(mktemp "$log.XXXXXX")
 trap 'rm -f "$tmp"' EXIT
 gzip -c -- "$log" > "$tmp"
 
-rm -f "$log.$keep.gz"
+# The oldest goes, and what an earlier, larger number of copies has left.
+i=$keep
+while [ -f "$log.$i.gz" ]; do
+    rm -f "$log.$i.gz"
+    i=$((i + 1))
+done
 i=$keep
 while [ "$i" -gt 1 ]; do
     older=$((i - 1))
