@@ -242,15 +242,13 @@ class Steps:
         self.results.within("time until another hub is chosen", took, 6, 2 * HUB_INTERVAL + 8, "s")
         chosen = [entry["request"]["remote_site"] for entry in self.branch.journal("UpdateActiveHUB")]
         self.results.check("hub chosen", HUB2.number, ", ".join(chosen) or "none", set(chosen) == {str(HUB2.number)})
-        logged = self.branch.journal("PostLog")
-        self.results.check("failure posted to the log service", "yes", "yes" if logged else "no", logged)
         # Here the hub manager gives the branch new documents.
         plan.write_documents(self.branch.documents, BRANCH, HUB2)
         asked = time.time()
         self.branch.ctl("reload")
         wait_for(lambda: self.traffic_flows(0.5), 30)
         time.sleep(0.5)
-        self.results.mark("other hub")
+        self.results.mark("hub 22")
         self.results.within("LAN traffic again, over the other hub", self.resumed(asked), 0, 10, "s after the reload")
         hub = self.branch.state().get("hub")
         self.results.check("hub in the daemon's state", HUB2.number, hub, hub == str(HUB2.number))

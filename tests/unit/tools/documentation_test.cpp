@@ -39,7 +39,8 @@ Examples examples_of(const fs::path& page) {
 }
 
 std::vector<fs::path> pages() {
-    std::vector<fs::path> out{fs::path(PROJECT) / "README.md", fs::path(PROJECT) / "packaging/man/corvo-documents.5.scd"};
+    std::vector<fs::path> out{fs::path(PROJECT) / "README.md",
+                              fs::path(PROJECT) / "packaging/man/corvo-documents.5.scd"};
     for (const auto& entry : fs::directory_iterator(fs::path(PROJECT) / "docs"))
         if (entry.path().extension() == ".md") out.push_back(entry.path());
     return out;
@@ -54,7 +55,8 @@ std::vector<check::Finding> findings_of(const Examples& examples) {
         Json::Value root;
         std::istringstream in(text);
         std::string errors;
-        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors)) << name << ": " << errors;
+        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors))
+            << name << ": " << errors;
         check::Kind kind{};
         if (check::kind_of_file(name, kind))
             checker.add_document(kind, name, root);
@@ -73,8 +75,8 @@ TEST(Documentation, ShowsDocumentsThatPassTheCheck) {
             ADD_FAILURE() << page << ": " << finding.file << "#" << finding.pointer << ": " << finding.text;
     }
     EXPECT_THAT(shown, testing::IsSupersetOf({"device_info.json", "site.json", "qos.json", "lan_qos.json",
-                                              "routes/s2s.json", "routes/s2s6.json", "routes/private_s2s.json",
-                                              "routes/regional.json"}));
+                                              "routes/s2s.json", "routes/s2s6.json",
+                                              "routes/private_s2s.json", "routes/regional.json"}));
 }
 
 TEST(Documentation, WouldNotPassWithAMistake) {
