@@ -83,7 +83,7 @@ class Steps:
     def lan_to_lan(self):
         self.results.step("LAN to LAN")
         self.echoes = [self.hosts[site.name].agent(traffic.echo) for site in (HUB1, HUB2)]
-        tap = self.a.machine.agent(traffic.first_encapsulated, "gateway", 10)
+        tap = self.a.machine.agent(traffic.first_encapsulated, "gateway", 30)
         self.probe_file = self.out / "probe"
         began = time.time()
         self.probe = self.hosts[BRANCH.name].agent(traffic.probe, plan.SERVICE, PROBES_PER_SECOND, str(self.probe_file))
