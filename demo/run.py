@@ -56,15 +56,16 @@ def build_network(results, work, args):
         provider.build(devices)
     network.peer(*providers)
     hosts = {site.name: network.build_site(site, devices[site.name]) for site in plan.SITES}
-    results.check("two providers, branch, two hubs, three LANs", "built", f"{time.time() - began:.1f} s", True)
-    return devices, providers, hosts
+    took = time.time() - began
+    results.check("two providers, branch, two hubs, three LANs", "built", f"{took:.1f} s", True)
+    return devices, providers, hosts, took
 
 
 def go(results, args, work):
-    devices, providers, hosts = build_network(results, work, args)
+    devices, providers, hosts, took = build_network(results, work, args)
     recorder = branch_view = None
     try:
-        steps = Steps(results, devices, providers, hosts, args.out)
+        steps = Steps(results, devices, providers, hosts, args.out, took)
         branch = devices[plan.BRANCH.name]
         steps.bring_up()
         recorder = hosts[plan.BRANCH.name].agent(traffic.record, branch.machine.pid, str(args.out / "samples"), 0.5)

@@ -10,7 +10,9 @@ from plan import BRANCH, HUB1, HUB2
 from results import wait_for
 
 PROBES_PER_SECOND = 40
-HUB_INTERVAL = 30  # longer than the test of a dead hub takes: two ports, three tries, two seconds each, and what the tools take
+# Longer than the test of a dead hub takes, which is two ports, three tries, two seconds each, and what the tools need
+# on this machine: seconds between tests on a quick and on a slow one, told apart by how long the network took to build.
+HUB_INTERVALS, SLOW = (20, 50), 8
 # The kernel's own default of 30 s would add up to 45 s to the time until a dead gateway is noticed.
 REACHABLE_MS = 5000
 NEVER = 999.0
@@ -18,10 +20,11 @@ LEAST, TRIES = 0.9, 3  # of the configured rate; how often that may be tried
 
 
 class Steps:
-    def __init__(self, results, devices, providers, hosts, out):
+    def __init__(self, results, devices, providers, hosts, out, network_took):
         self.results, self.devices, self.hosts, self.out = results, devices, hosts, out
         self.a, self.b = providers
         self.branch = devices[BRANCH.name]
+        self.hub_interval = HUB_INTERVALS[network_took > SLOW]
         self.empty_kernel = {}
         self.probe = None
 
@@ -39,7 +42,7 @@ class Steps:
         ready = all([device.services_ready() for device in self.devices.values()])
         check("services of the devices", "ready", "ready" if ready else "not ready", ready)
         for device in self.devices.values():
-            options = ("--hub-test", "udp", "--hub-interval", str(HUB_INTERVAL)) if device is self.branch else (
+            options = ("--hub-test", "udp", "--hub-interval", str(self.hub_interval)) if device is self.branch else (
                 "--hub-test", "none")
             device.start_daemon(*options)
 
@@ -193,7 +196,7 @@ class Steps:
         self.a.gateway_dies()
         # Reachable until the timer ends, 5 s delay, 3 questions at 1 s; then six looks, 2 s apart.
         low, high = 3 + 10, REACHABLE_MS * 1.5 / 1000 + 5 + 3 + 12 + 6
-        took = wait_for(lambda: self.branch.condition(1) == "0", 90, 0.1) or NEVER
+        took = NEVER if wait_for(lambda: self.branch.condition(1) == "0", 90, 0.1) is None else time.time() - died
         self.results.mark("noticed")
         self.results.within("time to detect, under traffic", took, low, high, "s")
         self.results.check("condition files PORT1, PORT2", "0, 1", f"{self.branch.condition(1)}, {self.branch.condition(2)}",
@@ -204,9 +207,9 @@ class Steps:
         wait_for(lambda: self.traffic_flows(0.5), 20)
         time.sleep(1.5)
         sent, lost, outage = self.probed(died, time.time() - 1)
-        self.results.within("LAN traffic again, over provider B", self.resumed(died + took - 1) + took - 1, 0, took + 2,
+        longest = took + 5
+        self.results.within("LAN traffic again, over provider B", self.resumed(died + took - 1) + took - 1, 0, longest,
                             "s after the death")
-        longest = took + 2
         self.results.check("packets lost meanwhile", f"at most {PROBES_PER_SECOND} a second for {longest:.0f} s",
                            f"{lost} of {sent}, none for {outage:.1f} s", 0 < lost <= longest * PROBES_PER_SECOND)
 
@@ -217,7 +220,7 @@ class Steps:
         self.a.gateway_returns()
         took = wait_for(lambda: self.branch.condition(1) == "1", 60, 0.1) or NEVER
         self.results.mark("noticed")
-        self.results.within("time to detect", took, 0, 8, "s")
+        self.results.within("time to detect", took, 0, 12, "s")
         route = self.branch.default_route()
         self.results.check("default route", "both", ", ".join(route), set(route) == {"eth1", "eth2"})
         self._check_report(reports, {"id": 1, "stat": 0})
@@ -237,9 +240,9 @@ class Steps:
         self.results.check("hub changes before", "none", len(early) or "none", not early)
         died = time.time()
         self.devices[HUB1.name].power_off()
-        took = wait_for(lambda: self.branch.journal("UpdateActiveHUB"), 90, 0.3) or NEVER
+        took = wait_for(lambda: self.branch.journal("UpdateActiveHUB"), 150, 0.3) or NEVER
         # A test may have begun just before; then it takes two ports, three tries, two seconds each.
-        self.results.within("time until another hub is chosen", took, 6, 2 * HUB_INTERVAL + 8, "s")
+        self.results.within("time until another hub is chosen", took, 6, self.hub_interval + 45, "s")
         chosen = [entry["request"]["remote_site"] for entry in self.branch.journal("UpdateActiveHUB")]
         self.results.check("hub chosen", HUB2.number, ", ".join(chosen) or "none", set(chosen) == {str(HUB2.number)})
         # Here the hub manager gives the branch new documents.
