@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 namespace check {
 
@@ -106,6 +107,26 @@ void check_names(const std::vector<Link>& wans, const std::vector<Link>& private
                 claim(link, "tun" + std::to_string(port_number(link.name)));
 }
 
+// Tables and rules of a WAN tunnel are numbered by its id, those of a private link by the index that the
+// kernel gave its device: deleting one deletes the rules of the other. A device that is not there yet will
+// get an index of which nothing is known.
+void check_priorities(const std::vector<Link>& wans, const std::vector<Link>& privates,
+                      const std::string& kernel_interfaces, Notes& notes) {
+    if (kernel_interfaces.empty()) return;
+    for (const auto& link : privates) {
+        const std::string dev = "tun" + std::to_string(port_number(link.name));
+        long index = 0;
+        if (link.id == 0 || !(std::ifstream(kernel_interfaces + "/" + dev + "/ifindex") >> index)) continue;
+        for (const auto& wan : wans)
+            if (wan.id == index)
+                notes.warning(wan.pointer + "/ID",
+                              wan.name + " shares its rule priorities with " + dev + " of " + link.name +
+                                  ", whose device has the index " + std::to_string(index),
+                              "Give " + wan.name + " another id, or delete and create " + dev +
+                                  ", which gives it another index.");
+    }
+}
+
 void check_ids(const std::vector<Link>& wans, Notes& notes) {
     std::map<long, std::string> owners;
     for (const auto& link : wans) {
@@ -188,6 +209,7 @@ void check_device_info(const Json::Value& root, const Options& options, Notes no
     check_ids(wans, notes);
     check_names(wans, privates, regionals, notes);
     check_marks(wans, privates, notes);
+    check_priorities(wans, privates, options.kernel_interfaces, notes);
     for (const char* section : {"WAN_IFACE_INFO", "PRIVATE_IFACE_INFO", "RGLINK_IFACE_INFO"}) {
         for (const auto& link : links_of(root, section)) {
             const Json::Value& value = root[section][link.name];

@@ -2,11 +2,13 @@
 
 #include <corvosetup/privatelink.h>
 #include <corvosetup/rglink.h>
+#include <corvosetup/routing.h>
 #include <corvosetup/tun.h>
 #include <corvosetup/tun6.h>
 #include <corvosetup/utils.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <set>
 
@@ -39,6 +41,54 @@ Json::Value private_view(const Json::Value& site, int device_id) {
         }
     }
     return out;
+}
+
+std::vector<std::string> list_of_text(const Json::Value& object, const char* key) {
+    std::vector<std::string> out;
+    const Json::Value list = object.get(key, Json::Value());
+    if (!list.isArray()) return out;
+    for (const auto& entry : list)
+        if (entry.isString()) out.push_back(entry.asString());
+    return out;
+}
+
+constexpr int kSharedTable = 25000;
+
+std::string domain_of(const Json::Value& view, const std::string& site) {
+    return text_of(view[site], "DOMAIN", "global");
+}
+
+void flush_shared_route(const std::string& network, const std::string& site) {
+    const auto slash = network.find('/');
+    std::string address = network.substr(0, slash);
+    route_conf route{};
+    route.table = kSharedTable;
+    route.priority = std::atoi(site.c_str());
+    if (slash != std::string::npos) {
+        route.prefixlen = std::atoi(network.c_str() + slash + 1);
+        if (network_addr(address, static_cast<unsigned>(route.prefixlen)) != 0) return;
+    }
+    // A record that names nothing would match everything.
+    if (address.empty() || address.size() >= sizeof route.dst || route.priority == 0) return;
+    address.copy(route.dst, sizeof route.dst - 1);
+    edit_route(2, &route);
+}
+
+// What private links took from sites of other domains lies in the table of the regional links, which nothing
+// empties.
+void flush_cross_domain_routes(const Json::Value& view, int device_id) {
+    if (!view.isObject()) return;
+    const std::string own = std::to_string(device_id);
+    for (const auto& site : view.getMemberNames()) {
+        if (site == own || domain_of(view, site) == domain_of(view, own)) continue;
+        const Json::Value& from = view[site];
+        for (const char* list : {"LAN", "STATIC_ROUTE"})
+            for (const auto& network : list_of_text(from, list)) flush_shared_route(network, site);
+        flush_shared_route(text_of(from.get("PORT1", Json::Value()), "TUN_ADDR4"), site);
+        for (const auto& member : from.getMemberNames())
+            if (member.find("PRIVATE") != std::string::npos)
+                flush_shared_route(text_of(from[member], "PRIVATE_TUN_ADDR4"), site);
+    }
 }
 
 // A document applied to one link, or (IPv6 and regional routes) to all of them at once.
@@ -218,7 +268,9 @@ void apply_private_routes(const Desired& desired, Ledger& ledger, Report& report
         ledger.begin(key_of(name), view);
         ledger.doubt("private-routes:");
         ledger.doubt("route:private_");
+        ledger.doubt("route:regional:");
         private_link(element).destroy_tun_route(kAllTables);
+        flush_cross_domain_routes(recorded["applied"], desired.device_id);
     }
     for (const auto& [name, element] : desired.privates) {
         const int index = index_of(kPrivate, element);

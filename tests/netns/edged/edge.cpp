@@ -92,8 +92,10 @@ std::vector<std::string> EdgeTest::kernel_state() {
         std::istringstream text(run_line(line).out);
         std::vector<std::string> lines;
         for (std::string one; std::getline(text, one);) {
-            // The addresses that the kernel makes up, and the default route, whose hops come in any order.
-            if (one.find("fe80:") != std::string::npos || one.find("ff00:") != std::string::npos ||
+            // Addresses that the kernel makes up, devices that come with modules, and the default route,
+            // whose hops come in any order.
+            if (one.find("sit0") != std::string::npos || one.find("tunl0") != std::string::npos ||
+                one.find("fe80:") != std::string::npos || one.find("ff00:") != std::string::npos ||
                 one.find("table default") != std::string::npos)
                 continue;
             if (indexed) one = one.substr(one.find(' ') + 1);

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <json/reader.h>
 
+#include <filesystem>
 #include <fstream>
 
 namespace {
@@ -14,6 +15,7 @@ using check::Kind;
 using check::Severity;
 using ::testing::Contains;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 Json::Value parse(const std::string& text) {
     Json::CharReaderBuilder builder;
@@ -110,6 +112,23 @@ TEST(Check, WarnsOfAnInterfaceThatIsNotThere) {
         findings_of(Kind::kDeviceInfo, R"({"WAN_IFACE_INFO": {"nonesuch0": {"ID": "1", "TX_RATE": "1"}}})",
                     "/sys/class/net"),
         Contains(WarningAt("/WAN_IFACE_INFO/nonesuch0", "there is no interface nonesuch0")));
+}
+
+TEST(Check, WarnsOfTunnelsThatShareRulePriorities) {
+    const std::string interfaces = testing::TempDir() + "/check-interfaces";
+    std::filesystem::create_directories(interfaces + "/tun3");
+    std::ofstream(interfaces + "/tun3/ifindex") << "7\n";
+    const auto findings = [&](const std::string& id) {
+        return findings_of(Kind::kDeviceInfo,
+                           R"({"WAN_IFACE_INFO": {"eth1": {"ID": ")" + id + R"(", "TX_RATE": "1"}},
+                            "PRIVATE_IFACE_INFO": {"swdev3": {"ID": "3", "TX_RATE": "1"}}})",
+                           interfaces);
+    };
+    EXPECT_THAT(findings("7"),
+                Contains(WarningAt("/WAN_IFACE_INFO/eth1/ID", "shares its rule priorities with tun3")));
+    EXPECT_THAT(findings("6"),
+                Not(Contains(WarningAt("/WAN_IFACE_INFO/eth1/ID", "shares its rule priorities"))));
+    std::filesystem::remove_all(interfaces);
 }
 
 TEST(Check, RefusesSharesAboveAHundred) {
