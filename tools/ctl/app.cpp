@@ -58,6 +58,19 @@ Json::Value explain_json(int code) {
     return out;
 }
 
+// An exception is a failure to report like any other; wrong usage is the caller's to report.
+Outcome run(const std::function<Outcome()>& action) {
+    try {
+        return action();
+    } catch (const CLI::ParseError&) {
+        throw;
+    } catch (const std::exception& error) {
+        Outcome outcome;
+        outcome.failure = error.what();
+        return outcome;
+    }
+}
+
 void print_failure(const Outcome& outcome, const std::vector<std::string>& log) {
     if (!outcome.failure.empty()) std::cerr << "corvoctl: " << outcome.failure << '\n';
     if (outcome.code != 0) {
@@ -90,7 +103,7 @@ void Context::on(CLI::App* command, std::function<Outcome()> run) {
 
 int report(Context& context) {
     const LogWindow window;
-    const Outcome outcome = context.action();
+    const Outcome outcome = run(context.action);
     const auto log = window.lines();
 
     if (context.json && outcome.reported) {

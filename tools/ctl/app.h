@@ -47,6 +47,12 @@ int report(Context& context);
 // The JSON report of an outcome, and of nothing that was logged.
 Json::Value to_json(const Outcome& outcome, const std::string& verb);
 
+// The code of an operation on a device, with what the kernel then holds of it.
+Outcome link_outcome(const std::string& dev, int code);
+
+// Refuses what cannot be the name of a device.
+CLI::Validator device_name();
+
 // An outcome that is just a result code.
 Outcome from_code(int code);
 
@@ -62,6 +68,8 @@ void add_shaping_verbs(CLI::App& app, Context& context);
 void add_hub_verbs(CLI::App& app, Context& context);
 void add_service_verbs(CLI::App& app, Context& context);
 void add_netlink_verbs(CLI::App& app, Context& context);
+void add_netlink_device_verbs(CLI::App& family, Context& context);  // below "netlink"
+void add_util_verbs(CLI::App& app, Context& context);
 void add_check_verb(CLI::App& app, Context& context);
 void add_daemon_verbs(CLI::App& app, Context& context);
 void add_explain_verb(CLI::App& app, Context& context);

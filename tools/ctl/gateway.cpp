@@ -46,10 +46,8 @@ Outcome set_gateways(const std::vector<std::string>& texts) {
     Outcome outcome;
     std::vector<Gateway> gateways(texts.size());
     for (std::size_t i = 0; i < texts.size(); ++i) {
-        if (!parse_gateway(texts[i], gateways[i])) {
-            outcome.failure = "not DEV=ADDRESS=BANDWIDTH: " + texts[i];
-            return outcome;
-        }
+        if (!parse_gateway(texts[i], gateways[i]))
+            throw CLI::ValidationError("gateway", "not DEV=ADDRESS=BANDWIDTH: " + texts[i]);
     }
     for (auto& gateway : gateways) {
         outcome.code = add_default_gateway(gateway.dev, gateway.address, gateway.bandwidth);

@@ -1,7 +1,6 @@
 #include <corvosetup/log.h>
 
 #include <cstdlib>
-#include <exception>
 #include <iostream>
 
 #include "ctl/app.h"
@@ -32,6 +31,7 @@ int main(int argc, char** argv) {
     corvoctl::add_hub_verbs(app, context);
     corvoctl::add_service_verbs(app, context);
     corvoctl::add_netlink_verbs(app, context);
+    corvoctl::add_util_verbs(app, context);
     corvoctl::add_check_verb(app, context);
     corvoctl::add_daemon_verbs(app, context);
     corvoctl::add_explain_verb(app, context);
@@ -45,8 +45,8 @@ int main(int argc, char** argv) {
         if (!runtime_dir.empty()) ::setenv("VX_RUNTIME_DIR", runtime_dir.c_str(), 1);
         if (!context.log_file.empty()) reopen_setup_logger(context.log_file);
         return corvoctl::report(context);
-    } catch (const std::exception& error) {
-        std::cerr << "corvoctl: " << error.what() << '\n';
-        return corvoctl::kExitFailed;
+    } catch (const CLI::ParseError& error) {  // an argument that only its verb could judge
+        app.exit(error);
+        return corvoctl::kExitUsage;
     }
 }

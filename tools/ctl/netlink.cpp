@@ -34,14 +34,6 @@ CLI::App* group(CLI::App& parent, const char* name, const char* help) {
     return command;
 }
 
-Outcome link_outcome(const std::string& dev, int code) {
-    Outcome outcome = from_code(code);
-    const LinkView link = view_link(dev);
-    outcome.data["link"] = to_json(link);
-    outcome.lines.push_back(to_line(link));
-    return outcome;
-}
-
 void add_links(CLI::App& family, Context& context) {
     auto* dummy = group(family, "dummy", "Dummy devices");
     for (const int op : {0, 1}) {
@@ -273,6 +265,7 @@ void add_netlink_verbs(CLI::App& app, Context& context) {
     add_routes(*family, context);
     add_rules(*family, context);
     add_queue_status(*family, context);
+    add_netlink_device_verbs(*family, context);
 }
 
 }  // namespace corvoctl

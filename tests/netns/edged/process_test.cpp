@@ -195,6 +195,22 @@ TEST_F(EdgedProcess, HasACorvoctlThatKnowsItsThreeExitStatuses) {
     EXPECT_EQ(corvoctl({"no-such-verb"}).status, 2);
     EXPECT_EQ(corvoctl({"explain", "-3011"}).status, 0);
     EXPECT_EQ(corvoctl({"explain", "123456"}).status, 1);
+    EXPECT_EQ(corvoctl({"gateways", "set", "eth1"}).status, 2);
+    EXPECT_EQ(corvoctl({"netlink", "route", "add", std::string(20, '1'), "--table", "7"}).status, 2);
+    EXPECT_EQ(
+        corvoctl({"netlink", "class", "add", "eth1", "1:", "here", "--rate", "1", "--ceil", "1"}).status, 2);
+    EXPECT_EQ(corvoctl({"netlink", "qdisc", "add", "eth1", "root", "1:", "--default", "32"}).status, 0);
+    EXPECT_EQ(
+        corvoctl({"netlink", "class", "add", "eth1", "1:", "1:20", "--rate", "125000", "--ceil", "250000"})
+            .status,
+        0);
+    EXPECT_THAT(run_line("tc class show dev eth1").out,
+                HasSubstr("htb 1:20 root prio 0 rate 1Mbit ceil 2Mbit"));
+    EXPECT_THAT(corvoctl({"netlink", "queues", "eth1"}).out, HasSubstr("1:20 qlen 0"));
+    EXPECT_EQ(corvoctl({"netlink", "qdisc", "del", "eth1", "root"}).status, 0);
+    EXPECT_EQ(corvoctl({"netlink", "queues", "eth1"}).out.find("1:20"), std::string::npos);
+    EXPECT_EQ(parsed(corvoctl({"-j", "util", "network", "192.0.2.77", "24"}).out)["data"]["network"],
+              "192.0.2.0");
     const ToolResult failed = corvoctl({"gateways", "def", "99"});
     EXPECT_EQ(failed.status, 1);
     EXPECT_THAT(failed.err, AllOf(HasSubstr("failed with -3004"), HasSubstr("meaning:"),
