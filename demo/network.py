@@ -63,7 +63,7 @@ def build_site(site, device):
     words += [f"link add ifb{number} type ifb" for number in range(2)]
     for port in (1, 2):
         words += [f"addr add {site.wan(port)}/24 dev eth{port}", f"link set eth{port} up",
-                  f"rule add pref {100 + port} from {site.tunnel(port)} ipproto ipip lookup {100 + port}",
+                  f"rule add pref {100 + port} from {site.tunnel(port)} ipproto 4 lookup {100 + port}",
                   f"route add default via {site.gateway(port)} dev eth{port} table {100 + port}"]
     host_words = ["link set lo up", f"addr add {site.lan_host}/24 dev eth0", "link set eth0 up",
                   f"route add default via {site.lan_router}"]
