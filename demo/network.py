@@ -1,6 +1,6 @@
 """The world around the devices: two providers, the cables, the LAN hosts; and each device's own firewall."""
 
-from plan import BRANCH, INTERNET, SERVICE, SITES
+from plan import BRANCH, INTERNET, PROVIDERS, SERVICE, SITES
 from space import Machine, cable
 
 FLOOD_PORTS = (6001, 6002, 6003)  # first class, second class, everything else
@@ -64,7 +64,9 @@ def build_site(site, device):
     for port in (1, 2):
         words += [f"addr add {site.wan(port)}/24 dev eth{port}", f"link set eth{port} up",
                   f"rule add pref {100 + port} from {site.tunnel(port)} ipproto 4 lookup {100 + port}",
-                  f"route add default via {site.gateway(port)} dev eth{port} table {100 + port}"]
+                  f"route add default via {site.gateway(port)} dev eth{port} table {100 + port}",
+                  # A provider's own addresses are reached through that provider: the hub tests ask each port.
+                  f"route add {PROVIDERS[port - 1]}.0.0/16 via {site.gateway(port)} dev eth{port}"]
     host_words = ["link set lo up", f"addr add {site.lan_host}/24 dev eth0", "link set eth0 up",
                   f"route add default via {site.lan_router}"]
     if site is not BRANCH:

@@ -5,13 +5,14 @@ from dataclasses import dataclass
 
 # Low enough for an emulated machine, and two to one so that the weights can be seen.
 WAN_A_TX, WAN_B_TX = 2_000_000, 1_000_000
-WAN_A_RX = 2_000_000
+WAN_A_RX = 1_000_000
 HUB_RATE = 20_000_000
 SHARES = [50, 30]  # percent of the egress rate, of the first and second class
 
 SERVICE_NETWORK = "10.80.0.0/24"  # behind both hubs
 SERVICE = "10.80.0.10"
 INTERNET = "198.18.0.0/22"  # both providers reach it
+PROVIDERS = ("203.0", "198.51")  # the first half of each one's addresses
 GROUP, DOMAIN = "retail", "north"
 
 
@@ -26,7 +27,7 @@ class Site:
     rx: tuple
 
     def wan_network(self, port):
-        return f"{('203.0', '198.51')[port - 1]}.{self.first_wan}"
+        return f"{PROVIDERS[port - 1]}.{self.first_wan}"
 
     def wan(self, port):
         return f"{self.wan_network(port)}.2"
