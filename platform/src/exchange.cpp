@@ -101,6 +101,8 @@ ssize_t receive_some(int fd, char* to, std::size_t room, Clock::time_point deadl
         if (got > 0) return Clock::now() < deadline ? got : -ETIMEDOUT;
         if (got == 0) return -ECONNRESET;
         if (errno != EINTR && errno != EAGAIN) return -errno;
+        // A socket that is said to be readable and is not keeps this loop busy; the limit still ends it.
+        if (Clock::now() >= deadline) return -ETIMEDOUT;
     }
 }
 

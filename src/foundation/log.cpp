@@ -44,6 +44,7 @@ constexpr std::chrono::seconds kCompressLimit{10};
 std::mutex log_lock;
 bool rotating = false;    // a rotation writes a line itself, which must not rotate again
 bool log_closed = false;  // static destruction has passed
+bool log_lost = false;    // the file was closed and could not be opened again: no descriptor, no memory
 
 // Children of the daemon do not get the log: the streams of the standard library know no O_CLOEXEC, so the
 // flag is set on their descriptor, which they keep protected.
@@ -97,11 +98,13 @@ void close_stream() {
     setup_logger.clear();
     setup_logger.flush();
     setup_logger.close();
+    log_lost = true;
 }
 
 void open_stream(const std::string& path) {
     setup_logger.clear();
     setup_logger.open(path, std::ios::out | std::ios::app);
+    log_lost = !setup_logger.is_open();
     close_on_exec(*setup_logger.rdbuf());
 }
 
@@ -170,6 +173,8 @@ void write_locked(corvo::log::Level level, std::string_view text, bool ends_line
     std::string line = check_locked(log_target, info);
     line.append(level_word(level)).append(time_text()).append(text);
     if (!ends_line) line.push_back('\n');
+    // What kept the file from being opened may have passed. One that is missing is left to the entry points.
+    if (log_lost && info.st_ino != 0) open_stream(log_target);
     if (!setup_logger.good()) setup_logger.clear();
     setup_logger.write(line.data(), static_cast<std::streamsize>(line.size()));
     setup_logger.flush();

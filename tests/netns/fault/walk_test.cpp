@@ -1,0 +1,231 @@
+// Every exported function with every fault: the n-th thing of each kind fails, for n = 1, 2, 3 ... until the
+// call needs no more of them.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <optional>
+#include <set>
+
+#include "foundation/result.h"
+#include "monitor/cycle.h"
+#include "rows.h"
+#include "support/kernel_feature.h"
+
+namespace corvo::test {
+namespace {
+
+using fault::Armed;
+using fault::Kind;
+using fault::Plan;
+
+char step_text[256];
+
+// A call that does not come back ends the process, with the fault's name.
+void give_up(int) {
+    static_cast<void>(!::write(2, step_text, std::strlen(step_text)));
+    ::abort();
+}
+
+struct ThreadState {
+    int cancel_state = -1;
+    int cancel_type = -1;
+    bool signals_blocked = false;
+
+    static ThreadState now() {
+        ThreadState state;
+        ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state.cancel_state);
+        ::pthread_setcancelstate(state.cancel_state, nullptr);
+        ::pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &state.cancel_type);
+        ::pthread_setcanceltype(state.cancel_type, nullptr);
+        sigset_t mask;
+        ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        for (int signal = 1; signal < 32; ++signal) state.signals_blocked |= sigismember(&mask, signal) == 1;
+        return state;
+    }
+    bool operator==(const ThreadState&) const = default;
+};
+
+bool complained() {
+    for (const auto& line : log_lines())
+        if (line.level == "[ERROR] " || line.level == "[WARNING] " ||
+            line.message.find("open failed.") != std::string::npos)
+            return true;
+    return false;
+}
+
+bool all_points() {
+    const char* wish = std::getenv("CORVO_FAULT_ALL");
+    return wish != nullptr && *wish != '\0';
+}
+
+// The n after this one: all of them up to a number, then fewer and fewer, so that a call with thousands of
+// allocations ends. CORVO_FAULT_ALL=1 tries every one.
+int next_point(int n, bool slow) {
+    const int dense = slow ? 8 : 24;
+    return all_points() || n < dense ? n + 1 : n + 1 + n / (slow ? 3 : 8);
+}
+
+class Walk : public testing::TestWithParam<std::size_t> {
+protected:
+    const Row& row() const { return all_rows()[GetParam()]; }
+
+    void SetUp() override {
+        for (const auto& feature : row().features) REQUIRE_KERNEL_FEATURE(feature);
+        machine.emplace();
+        periods.neigh = periods.ping = periods.queue = std::chrono::milliseconds(5);
+        fault::set_service_limit(1);
+        ::signal(SIGALRM, give_up);
+    }
+    void TearDown() override { fault::set_service_limit(0); }
+
+    // The undisturbed call; its result and the kernel's state are what every second attempt must come to.
+    void learn() {
+        const Call call = row().make(*machine);
+        clear_log();
+        ASSERT_EQ(call(), row().expected);
+        if (row().touches_kernel) good = KernelState::now();
+    }
+
+    int guarded_call(const Call& call, const char* which) const {
+        ::alarm(60);
+        int result = 0;
+        try {
+            result = call();
+        } catch (const abi::__forced_unwind&) {
+            throw;
+        } catch (const std::exception& error) {
+            ADD_FAILURE() << "an exception left the " << which << " call: " << error.what();
+        } catch (...) {
+            ADD_FAILURE() << "an exception left the " << which << " call";
+        }
+        ::alarm(0);
+        return result;
+    }
+
+    // One disturbed call and the next one. False: the plan did not strike.
+    bool step(const Plan& plan) {
+        const std::string what = row().name + ", " + plan.text();
+        SCOPED_TRACE(what);
+        std::snprintf(step_text, sizeof step_text, "the call does not come back: %s\n", what.c_str());
+        if (row().touches_kernel) machine->reset();
+        Call call = row().make(*machine);
+        clear_log();
+        const ThreadState before = ThreadState::now();
+        int result = 0;
+        bool struck = false;
+        std::string where;
+        const LeakCheck leaks;
+        {
+            Armed armed(plan);
+            result = guarded_call(call, "disturbed");
+            struck = armed.disarm();
+            where = armed.where();
+        }
+        const testing::ScopedTrace trace(__FILE__, __LINE__, "in " + where);
+        EXPECT_EQ(ThreadState::now(), before);
+        if (row().is_code) {
+            EXPECT_TRUE(find_result(result) != nullptr || (result > 0 && result == row().expected)) << "no code of the table: " << result;
+        }
+        if (struck && row().must_log && plan.kind != Kind::kNew && plan.kind != Kind::kLog && !complained()) {
+            EXPECT_EQ(result, row().expected) << "failed without a line in the log";
+            if (row().touches_kernel) {
+                const KernelState now = KernelState::now();
+                EXPECT_EQ(now, good) << "left something undone without a line in the log:\n"
+                                     << good.difference(now);
+            }
+        }
+        if (row().undo) row().undo();
+        EXPECT_EQ(guarded_call(call, "second"), row().expected) << "the second call";
+        if (row().touches_kernel) {
+            const KernelState now = KernelState::now();
+            EXPECT_EQ(now, good) << "after the second call:\n" << good.difference(now);
+        }
+        return struck;
+    }
+
+    std::optional<Machine> machine;
+    KernelState good;
+};
+
+TEST_P(Walk, EveryFaultIsACodeALineAndNothingElse) {
+    learn();
+    int points = 0;
+    for (int k = 0; k < fault::kKinds && !HasFatalFailure(); ++k) {
+        const auto kind = static_cast<Kind>(k);
+        for (int variant = 0; variant < fault::variants(kind); ++variant) {
+            for (const bool lasting : {false, true}) {
+                if (lasting && !fault::can_last(kind, variant)) continue;
+                // What lasts is tried from fewer places.
+                for (int n = 1; step({kind, n, variant, lasting});
+                     n = lasting ? n * 3 : next_point(n, row().is_slow)) {
+                    ++points;
+                    if (testing::Test::HasFailure() && !all_points()) return;
+                }
+            }
+        }
+    }
+    RecordProperty("faults", points);
+    std::printf("%d faults\n", points);
+}
+
+std::vector<std::size_t> indexes() {
+    std::vector<std::size_t> all(all_rows().size());
+    for (std::size_t i = 0; i < all.size(); ++i) all[i] = i;
+    return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Exported, Walk, testing::ValuesIn(indexes()), [](const auto& info) {
+    std::string name = all_rows()[info.param].name;
+    int same = 0;
+    for (std::size_t i = 0; i < info.param; ++i) same += all_rows()[i].name == name ? 1 : 0;
+    return same == 0 ? name : name + "_" + std::to_string(same + 1);
+});
+
+// What is no function: variables, tables of virtual functions, type information.
+bool is_function(const std::string& symbol) {
+    static const std::set<std::string> kVariables = {"_Z10log_targetB5cxx11",
+                                                     "log_target",
+                                                     "max_log_size",
+                                                     "setup_logger",
+                                                     "verbose",
+                                                     "_Z15neigh_state_strB5cxx11",
+                                                     "_Z18neigh_stat_mappingB5cxx11",
+                                                     "neigh_stat_mapping",
+                                                     "neigh_state_str",
+                                                     "_Z7udp_msgB5cxx11",
+                                                     "udp_msg",
+                                                     "udp_test",
+                                                     "ping_test",
+                                                     "_Z7tcp_mapB5cxx11",
+                                                     "_Z8conf_mapB5cxx11",
+                                                     "_Z9conf6_mapB5cxx11",
+                                                     "conf6_map",
+                                                     "conf_map",
+                                                     "tcp_map",
+                                                     "gws",
+                                                     "tmp_gws"};
+    return kVariables.count(symbol) == 0 && !symbol.starts_with("_ZT");
+}
+
+TEST(FaultTable, HasARowForEveryExportedFunction) {
+    std::set<std::string> with_row;
+    for (const Row& row : all_rows()) with_row.insert(row.symbols.begin(), row.symbols.end());
+    std::set<std::string> exported;
+    for (const auto& file : std::filesystem::directory_iterator(CORVO_ABI_DIR)) {
+        if (file.path().extension() != ".symbols") continue;
+        std::ifstream in(file.path());
+        for (std::string line; std::getline(in, line);)
+            if (!line.empty() && line[0] != '#' && is_function(line)) exported.insert(line);
+    }
+    EXPECT_GT(exported.size(), 200U);
+    for (const auto& symbol : exported) EXPECT_EQ(with_row.count(symbol), 1U) << "no row for " << symbol;
+    for (const auto& symbol : with_row) EXPECT_EQ(exported.count(symbol), 1U) << "not exported: " << symbol;
+}
+
+}  // namespace
+}  // namespace corvo::test
