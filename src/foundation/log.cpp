@@ -17,9 +17,28 @@
 #include "foundation/log_line.h"
 #include "foundation/no_cancel.h"
 
+namespace {
+
+constexpr mode_t kLogMode = 0644;
+
+bool make_log_file(const std::string& path, int flags = 0) {
+    return static_cast<bool>(
+        corvo::UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags, kLogMode)));
+}
+
+}  // namespace
+
 // The first objects of the library to be constructed and the last to be destroyed: every other initialiser
 // and every entry point may log.
 __attribute__((init_priority(101))) std::string log_target = "/var/log/network/corvo.log";
+// The file before the stream, which would make one that everybody can write to where the daemon's mask allows
+// it.
+namespace {
+struct LogMade {
+    LogMade() { make_log_file(log_target); }
+};
+__attribute__((init_priority(102))) LogMade log_made;
+}  // namespace
 __attribute__((init_priority(102))) std::ofstream setup_logger(log_target, std::ios::out | std::ios::app);
 int max_log_size = 5242880;
 unsigned int verbose = 0;
@@ -103,6 +122,7 @@ void close_stream() {
 
 void open_stream(const std::string& path) {
     setup_logger.clear();
+    make_log_file(path);
     setup_logger.open(path, std::ios::out | std::ios::app);
     log_lost = !setup_logger.is_open();
     close_on_exec(*setup_logger.rdbuf());
@@ -128,7 +148,7 @@ std::string rotate_locked(const std::string& path) {
     // The script gets the path as a shell would pass it unquoted: cut at blanks, but nothing in it
     // interpreted. Every thread that logs waits for it, so it does not get for ever.
     corvo::run_command_within(corvo::split_words("/usr/sbin/log_compress.sh " + path), kCompressLimit);
-    corvo::UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    make_log_file(path, O_TRUNC);
     reopen_locked(path);
     return "file size reach max log size: " + std::to_string(max_log_size) + ", log rotate.\n";
 }

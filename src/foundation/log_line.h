@@ -16,6 +16,8 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/guard.h"
+
 namespace corvo::log {
 
 enum class Level { kError, kWarning, kDebug, kTrace };
@@ -59,11 +61,14 @@ constexpr bool ends_line(const char (&literal)[N]) {
 
 template <class... Parts>
 void write_parts(Level level, const Parts&... parts) {
-    Message message;
-    (message << ... << parts);
-    bool own_end = false;
-    ((own_end = ends_line(parts)), ...);
-    write(level, message.text(), own_end);
+    // A line that there is no memory for is lost; what the caller was about to do or to report is not.
+    guarded_void([&] {
+        Message message;
+        (message << ... << parts);
+        bool own_end = false;
+        ((own_end = ends_line(parts)), ...);
+        write(level, message.text(), own_end);
+    });
 }
 
 }  // namespace detail
@@ -108,9 +113,11 @@ public:
     template <class T>
     T leave(T result, unsigned line = static_cast<unsigned>(__builtin_LINE())) const {
         if (on_) {
-            Message text;
-            text << result;
-            leave_text(text.text(), line);
+            guarded_void([&] {
+                Message text;
+                text << result;
+                leave_text(text.text(), line);
+            });
         }
         return result;
     }

@@ -63,8 +63,9 @@ void judge_neighbour(ProcNeigh& probe, const Neighbour& entry) {
         probe.set_neigh_state(entry.state);
         probe.set_target_mac("");
     } else if (entry.dst == probe.get_target_ip()) {
-        probe.set_neigh_state(entry.state);
+        // The state last: an entry in a known state is not looked at again.
         probe.set_target_mac(entry.lladdr);
+        probe.set_neigh_state(entry.state);
     }
     trace.leave(entry.state);
 }

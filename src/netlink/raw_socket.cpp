@@ -19,6 +19,8 @@ namespace corvo::nl {
 
 namespace {
 
+constexpr int kLosses = 16;
+
 void set_option(int fd, int option) {
     const int on = 1;
     ::setsockopt(fd, SOL_NETLINK, option, &on, sizeof on);  // older kernels do without
@@ -104,7 +106,12 @@ Bytes RawSocket::receive(int& error) {
 }
 
 void RawSocket::drain() {
-    while (::recv(fd(), buffer_, sizeof buffer_, MSG_DONTWAIT) >= 0 || errno == ENOBUFS || errno == EINTR) {
+    // A loss is reported once; a socket that reports it again and again is given up.
+    int losses = 0;
+    while (losses < kLosses) {
+        if (::recv(fd(), buffer_, sizeof buffer_, MSG_DONTWAIT) >= 0) continue;
+        if (errno != ENOBUFS && errno != EINTR) break;
+        ++losses;
     }
 }
 

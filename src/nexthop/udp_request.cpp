@@ -95,7 +95,9 @@ bool send_copies(const Exchange& exchange, const std::string& text) {
 // Waits for one datagram until the deadline. Its length, or none.
 std::optional<std::size_t> receive(int fd, char (&datagram)[corvo::kProbeDatagramSize], sockaddr_in& from) {
     const auto deadline = std::chrono::steady_clock::now() + kAnswerWait;
-    while (Worker::current_stop().wait_readable(fd, deadline) == StopSignal::Wake::kReady) {
+    // The clock is asked too: datagrams that turn out damaged may keep the socket readable for ever.
+    while (std::chrono::steady_clock::now() < deadline &&
+           Worker::current_stop().wait_readable(fd, deadline) == StopSignal::Wake::kReady) {
         socklen_t size = sizeof from;
         const auto got = ::recvfrom(fd, datagram, sizeof datagram, MSG_DONTWAIT,
                                     reinterpret_cast<sockaddr*>(&from), &size);

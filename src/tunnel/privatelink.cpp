@@ -28,6 +28,9 @@ constexpr const char* kFile = "privatelink.cpp";
 constexpr const char* kRouteMapName = "available_private_info";
 constexpr int kMtu = 1460;
 constexpr int kAdvMss = 1380;
+// A name that no device can have: the next hop of a link whose device is not there. Should the device come up
+// in this moment, its routes must not get into the tables of an index that is not its own.
+constexpr const char* kNoDevice = "/";
 
 // The port number in a local port's name ("PRIVATE1").
 int port_number(const Json::Value& name) {
@@ -225,7 +228,7 @@ int PrivateLink::edit_routing(int table_base, int op, Json::Value& list) {
                     route.record.priority = prio;
                 }
                 if (op == kRouteFlush) return Fate::kSend;
-                route.add_hop(gateways[j], dev, 0);
+                route.add_hop(gateways[j], index > 0 ? dev : kNoDevice, 0);
                 route.set_metrics(kMtu, kAdvMss);
                 return Fate::kSend;
             });

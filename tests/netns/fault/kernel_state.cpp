@@ -134,7 +134,8 @@ std::string address_line(const nlmsghdr* message) {
 
 std::string route_line(const nlmsghdr* message) {
     const auto& route = body<rtmsg>(message);
-    if ((route.rtm_flags & RTM_F_CLONED) != 0) return {};
+    // Those of the local table follow the addresses, some time later.
+    if ((route.rtm_flags & RTM_F_CLONED) != 0 || route.rtm_table == RT_TABLE_LOCAL) return {};
     const unsigned flags = route.rtm_flags & RTNH_F_ONLINK;
     return std::to_string(route.rtm_dst_len) + " type " + std::to_string(route.rtm_type) + " proto " +
            std::to_string(route.rtm_protocol) + " flags " + std::to_string(flags) +

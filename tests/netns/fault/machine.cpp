@@ -22,7 +22,8 @@ const char* const kDevices[] = {"eth1",   "eth2", "eth5", "swdev3", "swdev5",
                                 "swdev6", "tun1", "tun3", "tun4",   "ip6tun1"};
 const char* const kAddresses[] = {"203.0.113.11/24 dev eth1",  "198.51.100.11/24 dev eth2",
                                   "10.200.0.11/24 dev swdev3", "10.201.0.11/24 dev swdev5",
-                                  "10.211.0.11/24 dev swdev6", "10.210.0.11/24 dev swdev4"};
+                                  "10.211.0.11/24 dev swdev6", "2001:db8::11/64 dev ip6tun1",
+                                  "10.210.0.11/24 dev swdev4"};
 
 const std::map<std::string, std::string> kAnswers = {
     {"vesta.get_devid", R"({"error":0,"data":11})"},
@@ -212,6 +213,7 @@ vx::Reply Machine::serve(const vx::Call& call) {
     }
     {
         const std::lock_guard hold(lock_);
+        requests_[target] = call.payload;
         if (const auto found = answers_.find(target); found != answers_.end()) good = found->second;
     }
     return broken(fault::take_service_fault(), std::move(good));
@@ -269,6 +271,16 @@ void Machine::reset() {
     const KernelState after = KernelState::now();
     if (!(after == base_))
         throw std::runtime_error("the machine cannot be reset:\n" + base_.difference(after));
+}
+
+void Machine::answer(const std::string& target, const std::string& reply) {
+    const std::lock_guard hold(lock_);
+    answers_[target] = reply;
+}
+
+std::string Machine::last_request(const std::string& target) {
+    const std::lock_guard hold(lock_);
+    return requests_[target];
 }
 
 void Machine::answer_error(int error) {

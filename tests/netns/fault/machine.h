@@ -32,6 +32,10 @@ public:
 
     // The error that all services answer with from now on (0: none).
     void answer_error(int error);
+    // What "service.method" answers from now on.
+    void answer(const std::string& target, const std::string& reply);
+    // The text of the last request to "service.method".
+    std::string last_request(const std::string& target);
 
 private:
     vx::Reply serve(const vx::Call& call);
@@ -43,6 +47,7 @@ private:
     std::unique_ptr<Netns> far_;
     std::mutex lock_;
     std::map<std::string, std::string> answers_;
+    std::map<std::string, std::string> requests_;
     std::unique_ptr<vx::ServerThread> services_;
     UniqueFd hub_;
     UniqueFd hub_stop_;

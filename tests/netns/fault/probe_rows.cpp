@@ -1,6 +1,8 @@
 // Rows of the monitors, the responder and the next-hop tests.
 #include <netlink/route/neighbour.h>
 
+#include <optional>
+
 #include "corvosetup/neigh.h"
 #include "corvosetup/ping.h"
 #include "corvosetup/ping_test.h"
@@ -47,13 +49,37 @@ void wait_a_little() {
     std::this_thread::sleep_for(std::chrono::milliseconds(15));
 }
 
-// Start, a few cycles, stop; the code of the start.
+// Start, a first report (which writes the condition files), stop; the code of the start.
 template <class Probe>
 int life(Probe& probe) {
+    {
+        const fault::Spared here;
+        for (const char* port : {"PORT1", "PORT2"}) write_file(std::string(kConditionDir) + port, "0");
+    }
     const int started = probe.start();
-    wait_a_little();
+    if constexpr (std::is_same_v<Probe, ProcQdm> || std::is_same_v<Probe, ProcUdp>) {
+        wait_a_little();
+    } else {
+        const fault::Spared here;
+        wait_until([] { return condition("PORT1") == "1" || condition("PORT2") == "1"; },
+                   std::chrono::milliseconds(fault::under_fault() ? 50 : 3000));
+    }
     const int stopped = probe.stop();
     return started != kOk ? started : stopped;
+}
+
+template <class Make>
+auto life_of(Make make) {
+    return [make](Machine&) {
+        auto conntrack = std::make_shared<Recorder>("/usr/sbin/conntrack");
+        // A monitor lives once: the daemon makes another one for a WAN that comes back.
+        return Call([make, conntrack] {
+            std::optional<fault::Spared> here(std::in_place);
+            auto object = make();
+            here.reset();
+            return life(*object);
+        });
+    };
 }
 
 // What both probes have.
@@ -67,9 +93,8 @@ void add_probe_common(std::vector<Row>& rows, const std::string& n, Make make) {
                     return constructed([] { Probe probe(text("eth1"), text("203.0.113.1"), 100, true, 1); });
                 });
             }));
-    rows.push_back(Row(at + "5startEv " + at + "4stopEv " + at + "11thread_taskEv", on(make, life<Probe>))
-                       .kernel()
-                       .slow());
+    rows.push_back(
+        Row(at + "5startEv " + at + "4stopEv " + at + "11thread_taskEv", life_of(make)).kernel().slow());
     rows.push_back(Row(at + "10save_stateEv", on(make, [](Probe& probe) { return probe.save_state(); })));
     rows.push_back(Row(at + "9get_stateEv", on(make,
                                                [](Probe& probe) {
@@ -93,15 +118,16 @@ void add_probe_common(std::vector<Row>& rows, const std::string& n, Make make) {
     rows.push_back(
         Row(at + "16update_conditionEi", on(make, [](Probe& probe) { return probe.update_condition(0); }))
             .kernel());
-    rows.push_back(Row(at + "7prepareEv", on(make, [](Probe& probe) { return probe.prepare(); })));
-    rows.push_back(Row(at + "5probeEv", on(make, [](Probe& probe) { return probe.probe(); })).slow());
+    rows.push_back(Row(at + "7prepareEv", on(make, [](Probe& probe) { return probe.prepare(); })).value());
+    rows.push_back(Row(at + "5probeEv", on(make, [](Probe& probe) { return probe.probe(); })).value().slow());
 }
 
 void add_neigh(std::vector<Row>& rows) {
     const auto make = [] { return std::make_shared<ProcNeigh>("eth1", "203.0.113.1", 100, true, 1); };
     add_probe_common<ProcNeigh>(rows, "9ProcNeigh", make);
     rows.push_back(
-        Row("_ZN9ProcNeigh10scan_neighEv", on(make, [](ProcNeigh& probe) { return probe.scan_neigh(); })));
+        Row("_ZN9ProcNeigh10scan_neighEv", on(make, [](ProcNeigh& probe) { return probe.scan_neigh(); }))
+            .value());
     rows.push_back(Row("_ZN9ProcNeigh13get_target_ipB5cxx11Ev _ZN9ProcNeigh14get_target_macB5cxx11Ev "
                        "_ZN9ProcNeigh7get_devB5cxx11Ev",
                        on(make,
@@ -202,7 +228,7 @@ void add_monitor(std::vector<Row>& rows) {
                            });
                        })
                        .logs());
-    rows.push_back(Row("_ZN5WmObj5startEv _ZN5WmObj4stopEv", on(make, life<WmObj>)).slow().kernel());
+    rows.push_back(Row("_ZN5WmObj5startEv _ZN5WmObj4stopEv", life_of(make)).slow().kernel());
     rows.push_back(Row("_ZN5WmObj15reset_bandwidthEm",
                        on(make, [](WmObj& object) { return object.reset_bandwidth(200); }))
                        .kernel());
@@ -263,7 +289,12 @@ int run(Start start, Stop stop) {
 }
 
 void add_tests(std::vector<Row>& rows) {
-    const auto udp = fresh_test<ProcUdpTest>;
+    // With the device's id, which a run stores.
+    const auto udp = [] {
+        auto test = std::make_shared<ProcUdpTest>();
+        test->thread_task();
+        return test;
+    };
     const auto ping = fresh_test<ProcPingTest>;
     const auto construct = [](auto make) {
         return [make](Machine&) { return Call([make] { return constructed([&] { make(); }); }); };
@@ -276,8 +307,7 @@ void add_tests(std::vector<Row>& rows) {
     rows.push_back(Row("_ZN11ProcUdpTest11udp_requestEiR" + kString + "b",
                        on(udp,
                           [](ProcUdpTest& test) {
-                              const auto address =
-                                  fault::spared_object<std::string>("127.0.0.21");
+                              const auto address = fault::spared_object<std::string>("127.0.0.21");
                               return test.udp_request(21, *address, false);
                           }))
                        .logs()
@@ -311,8 +341,7 @@ void add_tests(std::vector<Row>& rows) {
     rows.push_back(Row("_ZN12ProcPingTest4pingER" + kString + "S5_",
                        on(ping,
                           [](ProcPingTest& test) {
-                              const auto address =
-                                  fault::spared_object<std::string>("127.0.0.21");
+                              const auto address = fault::spared_object<std::string>("127.0.0.21");
                               return test.ping(*address, text(""));
                           }))
                        .logs()

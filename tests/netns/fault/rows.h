@@ -19,6 +19,8 @@ struct Row {
 
     // What it returns undisturbed.
     Row& gives(int result) { return expected = result, *this; }
+    // The same, and it depends on the kernel: what the first undisturbed call returns.
+    Row& gives_what_it_gives() { return expected_is_learned = true, *this; }
     // It returns no code of the table but a number, a text (its length) or nothing (0).
     Row& value() { return is_code = false, *this; }
     // A failure writes an ERROR or WARNING line.
@@ -40,6 +42,7 @@ struct Row {
     std::string name;
     int expected = 0;
     bool is_code = true;
+    bool expected_is_learned = false;
     bool must_log = false;
     bool touches_kernel = false;
     bool is_slow = false;

@@ -147,9 +147,7 @@ const std::string kString = "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEE
 template <class Link>
 void add_route_rows(std::vector<Row>& rows, const std::string& n, const Maker<Link>& on,
                     const char* document) {
-    const auto path = [document] {
-        return fault::spared_object<std::string>(document);
-    };
+    const auto path = [document] { return fault::spared_object<std::string>(document); };
     rows.push_back(Row("_ZN" + n + "11setup_routeEiR" + kString,
                        on([path](Link& link) { return link.setup_route(1, *path()); }))
                        .kernel()
@@ -207,9 +205,7 @@ void add_tun(std::vector<Row>& rows) {
                        .needs({"ipip-gue"}));
 }
 
-std::string source() {
-    return "/etc/networkmanagement/device_info.json";
-}
+constexpr const char* kSource = "/etc/networkmanagement/device_info.json";
 // A reference argument that outlives the call.
 std::string& reference(const char* value) {
     static thread_local std::map<std::string, std::string> kept;
@@ -219,14 +215,14 @@ std::string& reference(const char* value) {
 
 void add_tun_calls(std::vector<Row>& rows) {
     rows.push_back(Row("_Z9setup_tuni" + kString + "RS4_j",
-                       plain([] { return setup_tun(0, text("eth2"), reference(source().c_str()), 2); }))
+                       plain([] { return setup_tun(0, text("eth2"), reference(kSource), 2); }))
                        .kernel()
                        .logs()
                        .slow()
                        .needs({"ipip-gue"})
-                       .undone_by([] { setup_tun(1, text("eth2"), reference(source().c_str()), 2); }));
+                       .undone_by([] { setup_tun(1, text("eth2"), reference(kSource), 2); }));
     rows.push_back(Row("_Z9setup_tuni" + kString + "RS4_j",
-                       plain([] { return setup_tun(1, text("eth2"), reference(source().c_str()), 2); }))
+                       plain([] { return setup_tun(1, text("eth2"), reference(kSource), 2); }))
                        .kernel()
                        .slow());
     rows.push_back(Row("_Z15setup_tun_routeR" + kString + "S5_S5_", plain([] {
@@ -279,12 +275,12 @@ void add_tun6(std::vector<Row>& rows) {
                        .needs({"sit"})
                        .undone_by([] { made<Tun6>("eth2", kWan2)->setup_tun(1); }));
     rows.push_back(Row("_Z10setup_tun6i" + kString + "RS4_j",
-                       plain([] { return setup_tun6(0, text("eth2"), reference(source().c_str()), 2); }))
+                       plain([] { return setup_tun6(0, text("eth2"), reference(kSource), 2); }))
                        .kernel()
                        .logs()
                        .slow()
                        .needs({"sit"})
-                       .undone_by([] { setup_tun6(1, text("eth2"), reference(source().c_str()), 2); }));
+                       .undone_by([] { setup_tun6(1, text("eth2"), reference(kSource), 2); }));
     rows.push_back(Row("_Z16setup_tun_route6R" + kString + "S5_", plain([] {
                            return setup_tun_route6(reference("default6"),
                                                    reference("/etc/networkmanagement/routes6.json"));
@@ -394,12 +390,12 @@ void add_private(std::vector<Row>& rows) {
             .needs({"ipip-gue"})
             .undone_by([] { made<PrivateLink>("swdev5", kPort5)->setup_tun(1); }));
     rows.push_back(Row("_Z13setup_privatei" + kString + "RS4_",
-                       plain([] { return setup_private(0, text("swdev5"), reference(source().c_str())); }))
+                       plain([] { return setup_private(0, text("swdev5"), reference(kSource)); }))
                        .kernel()
                        .logs()
                        .slow()
                        .needs({"ipip-gue"})
-                       .undone_by([] { setup_private(1, text("swdev5"), reference(source().c_str())); }));
+                       .undone_by([] { setup_private(1, text("swdev5"), reference(kSource)); }));
     rows.push_back(Row("_Z19setup_private_routeR" + kString + "S5_S5_", plain([] {
                            return setup_private_route(reference("swdev3"), reference("private_s2s"),
                                                       reference(kRoutes));
@@ -446,18 +442,23 @@ void add_regional(std::vector<Row>& rows) {
                        .needs({"ipip-gue"})
                        .undone_by([] { made<RgLink>("swdev6", kPort6)->setup_tun(1); }));
     rows.push_back(Row("_Z12setup_rglinki" + kString + "RS4_",
-                       plain([] { return setup_rglink(0, text("swdev6"), reference(source().c_str())); }))
+                       plain([] { return setup_rglink(0, text("swdev6"), reference(kSource)); }))
                        .kernel()
                        .logs()
                        .slow()
                        .needs({"ipip-gue"})
-                       .undone_by([] { setup_rglink(1, text("swdev6"), reference(source().c_str())); }));
+                       .undone_by([] { setup_rglink(1, text("swdev6"), reference(kSource)); }));
     rows.push_back(Row("_Z20setup_regional_routeR" + kString + "S5_", plain([] {
                            return setup_regional_route(reference("regional"),
                                                        reference("/etc/networkmanagement/regional.json"));
                        }))
                        .kernel()
                        .logs());
+}
+
+Json::Value wan_ids() {
+    const fault::Spared here;
+    return json("[1,2]");
 }
 
 // The sets start empty before each call.
@@ -482,10 +483,8 @@ void add_gateways(std::vector<Row>& rows) {
                        after(two, [] { return del_default_gateway(text("eth2"), false); }))
                        .kernel()
                        .logs());
-    rows.push_back(Row("_Z9setup_defN4Json5ValueE",
-                       after(empty, [] { return setup_def(fault::spared<Json::Value>(json("[1,2]"))); }))
-                       .kernel()
-                       .logs());
+    rows.push_back(
+        Row("_Z9setup_defN4Json5ValueE", after(empty, [] { return setup_def(wan_ids()); })).kernel().logs());
     rows.push_back(Row("_ZN10DefaultGws6add_gwE" + kString + "S5_m",
                        after(empty, [] { return gws.add_gw(text("eth1"), text("203.0.113.1"), 100); }))
                        .kernel()

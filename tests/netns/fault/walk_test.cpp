@@ -87,7 +87,10 @@ protected:
     void learn() {
         const Call call = row().make(*machine);
         clear_log();
-        ASSERT_EQ(call(), row().expected);
+        expected = call();
+        if (!row().expected_is_learned) {
+            ASSERT_EQ(expected, row().expected);
+        }
         if (row().touches_kernel) good = KernelState::now();
     }
 
@@ -105,6 +108,20 @@ protected:
         }
         ::alarm(0);
         return result;
+    }
+
+    // After a fault without a line in the log.
+    void expect_nothing_lost(const Plan& plan, int result) const {
+        // Without memory there may be no line either, and without the log there is none.
+        if (plan.kind == Kind::kNew || plan.kind == Kind::kLog) return;
+        // No answer in time is no failure of a step.
+        if (plan.kind == Kind::kReceive && plan.variant == 1) return;
+        EXPECT_EQ(result, expected) << "failed without a line in the log";
+        // A device that is not there and a document without content are no failures for many a function.
+        if (plan.kind == Kind::kLookup || plan.kind == Kind::kService || !row().touches_kernel) return;
+        const KernelState now = KernelState::now();
+        EXPECT_TRUE(now == good) << "left something undone without a line in the log:\n"
+                                 << good.difference(now);
     }
 
     // One disturbed call and the next one. False: the plan did not strike.
@@ -129,26 +146,21 @@ protected:
         const testing::ScopedTrace trace(__FILE__, __LINE__, "in " + where);
         EXPECT_EQ(ThreadState::now(), before);
         if (row().is_code) {
-            EXPECT_TRUE(find_result(result) != nullptr || (result > 0 && result == row().expected)) << "no code of the table: " << result;
+            EXPECT_TRUE(find_result(result) != nullptr || (result > 0 && result == expected))
+                << "no code of the table: " << result;
         }
-        if (struck && row().must_log && plan.kind != Kind::kNew && plan.kind != Kind::kLog && !complained()) {
-            EXPECT_EQ(result, row().expected) << "failed without a line in the log";
-            if (row().touches_kernel) {
-                const KernelState now = KernelState::now();
-                EXPECT_EQ(now, good) << "left something undone without a line in the log:\n"
-                                     << good.difference(now);
-            }
-        }
+        if (struck && row().must_log && !complained()) expect_nothing_lost(plan, result);
         if (row().undo) row().undo();
-        EXPECT_EQ(guarded_call(call, "second"), row().expected) << "the second call";
+        EXPECT_EQ(guarded_call(call, "second"), expected) << "the second call";
         if (row().touches_kernel) {
             const KernelState now = KernelState::now();
-            EXPECT_EQ(now, good) << "after the second call:\n" << good.difference(now);
+            EXPECT_TRUE(now == good) << "after the second call:\n" << good.difference(now);
         }
         return struck;
     }
 
     std::optional<Machine> machine;
+    int expected = 0;
     KernelState good;
 };
 

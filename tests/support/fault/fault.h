@@ -19,6 +19,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace corvo::test::fault {
 
@@ -85,6 +86,9 @@ public:
     std::string where() const;
 };
 
+// Whether a plan is armed.
+bool under_fault();
+
 // No fault strikes the calling thread while it lives: for what a test does itself between two calls.
 class Spared {
 public:
@@ -107,6 +111,17 @@ std::shared_ptr<T> spared_object(Args&&... args) {
     const Spared here;
     return std::make_shared<T>(std::forward<Args>(args)...);
 }
+
+// The argument vectors of all commands that the library has started, as it handed them over, while one lives.
+class SpawnRecord {
+public:
+    SpawnRecord();
+    ~SpawnRecord();
+    SpawnRecord(const SpawnRecord&) = delete;
+    SpawnRecord& operator=(const SpawnRecord&) = delete;
+
+    std::vector<std::vector<std::string>> take();
+};
 
 // Service calls of disturbed threads get this many seconds in place of their own limit; 0: their own.
 void set_service_limit(int seconds);

@@ -60,6 +60,12 @@ Kind file_kind(int fd) {
     return is_target() && is_log(fd) ? Kind::kLog : Kind::kFile;
 }
 
+// An event descriptor takes and gives its number always.
+bool is_file(int fd) {
+    struct stat info {};
+    return is_target() && ::fstat(fd, &info) == 0 && (info.st_mode & S_IFMT) != 0;
+}
+
 // The variants without an errno are the end of the stream.
 ssize_t no_bytes() {
     return errno == 0 ? 0 : -1;
@@ -261,18 +267,18 @@ int stat(const char* path, struct stat* info) noexcept {
 }
 ssize_t read(int fd, void* data, std::size_t size) {
     REAL(read);
-    return fails(file_kind(fd), "read") ? no_bytes() : real(fd, data, size);
+    return is_file(fd) && fails(file_kind(fd), "read") ? no_bytes() : real(fd, data, size);
 }
 ssize_t __read_chk(int fd, void* data, std::size_t size, std::size_t) {
     return read(fd, data, size);
 }
 ssize_t write(int fd, const void* data, std::size_t size) {
     REAL(write);
-    return fails(file_kind(fd), "write") ? -1 : real(fd, data, size);
+    return is_file(fd) && fails(file_kind(fd), "write") ? -1 : real(fd, data, size);
 }
 ssize_t writev(int fd, const iovec* pieces, int count) {
     REAL(writev);
-    return fails(file_kind(fd), "writev") ? -1 : real(fd, pieces, count);
+    return is_file(fd) && fails(file_kind(fd), "writev") ? -1 : real(fd, pieces, count);
 }
 
 // --- children ---
@@ -280,6 +286,7 @@ ssize_t writev(int fd, const iovec* pieces, int count) {
 int posix_spawnp(pid_t* pid, const char* file, const posix_spawn_file_actions_t* actions,
                  const posix_spawnattr_t* attributes, char* const* argv, char* const* environment) {
     REAL(posix_spawnp);
+    corvo::test::fault::note_spawn(argv);
     int variant = 0;
     if (!strikes(Kind::kCommand, "posix_spawnp", &variant))
         return real(pid, file, actions, attributes, argv, environment);

@@ -4,7 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "corvosetup/log.h"
@@ -20,6 +20,10 @@ std::atomic<int> seen{0};
 std::atomic<int> limit{0};
 std::atomic<ServiceFault> next_service_fault{ServiceFault::kNone};
 Plan current{Kind::kNew, 0};
+
+std::mutex spawn_lock;
+bool recording = false;
+std::vector<std::vector<std::string>> spawned;
 
 thread_local bool target = false;
 thread_local int spare_depth = 0;
@@ -92,6 +96,10 @@ bool is_target() {
     return target && spare_depth == 0 && armed.load(std::memory_order_acquire);
 }
 
+bool under_fault() {
+    return armed;
+}
+
 void become_target() {
     target = true;
 }
@@ -154,6 +162,27 @@ bool Armed::disarm() {
 std::string Armed::where() const {
     const char* name = place;
     return name != nullptr ? name : "nowhere";
+}
+
+SpawnRecord::SpawnRecord() {
+    const std::lock_guard hold(spawn_lock);
+    recording = true;
+    spawned.clear();
+}
+SpawnRecord::~SpawnRecord() {
+    const std::lock_guard hold(spawn_lock);
+    recording = false;
+}
+std::vector<std::vector<std::string>> SpawnRecord::take() {
+    const std::lock_guard hold(spawn_lock);
+    return std::exchange(spawned, {});
+}
+void note_spawn(char* const* argv) {
+    const Spared here;
+    const std::lock_guard hold(spawn_lock);
+    if (!recording) return;
+    auto& words = spawned.emplace_back();
+    for (; *argv != nullptr; ++argv) words.emplace_back(*argv);
 }
 
 Spared::Spared() {

@@ -22,6 +22,8 @@ bool is_log(int fd);
 int service_limit();
 void set_service_fault(ServiceFault fault);
 
+void note_spawn(char* const* argv);
+
 // Turns the allocations inside libnl and libmnl to this layer.
 void interpose_allocations();
 
