@@ -25,6 +25,8 @@ int poll_timeout(std::chrono::steady_clock::time_point deadline) {
     return static_cast<int>(std::clamp<std::int64_t>(ms, 0, INT_MAX));
 }
 
+constexpr std::chrono::milliseconds kRefusedPause{50};
+
 }  // namespace
 
 StopSignal::StopSignal() : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -39,18 +41,24 @@ const StopSignal& StopSignal::never() {
 
 void StopSignal::request() {
     if (!event_) return;
+    requested_ = true;
     const std::uint64_t one = 1;
     // The counter is never read, so the only refusal is an overflow, and then the request already stands.
     [[maybe_unused]] const auto written = ::write(event_.get(), &one, sizeof one);
 }
 
-bool StopSignal::requested() const {
-    pollfd wait{event_.get(), POLLIN, 0};
-    return ::poll(&wait, 1, 0) == 1;
-}
-
 bool StopSignal::wait_for(std::chrono::milliseconds time) const {
-    return wait_readable(-1, std::chrono::steady_clock::now() + time) == Wake::kStopped;
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    while (!requested_) {
+        const auto wake = wait_readable(-1, deadline);
+        if (wake != Wake::kError) return wake == Wake::kStopped;
+        // poll() refuses when the kernel has no memory, or when somebody lowered the limit of descriptors
+        // below two. A cycle that does not wait would take the whole processor, so it sleeps in steps.
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) break;
+        std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(kRefusedPause, deadline - now));
+    }
+    return requested_;
 }
 
 StopSignal::Wake StopSignal::wait_readable(int other, std::chrono::steady_clock::time_point deadline) const {

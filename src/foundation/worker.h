@@ -7,6 +7,7 @@
 // children behind, and unwinding it through a destructor ends the process.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -22,7 +23,7 @@ public:
     StopSignal();  // throws std::system_error when there is no descriptor left
 
     void request();
-    bool requested() const;
+    bool requested() const { return requested_; }
 
     // Readable from the request on; for poll() beside a socket.
     int fd() const { return event_.get(); }
@@ -31,7 +32,8 @@ public:
     bool wait_for(std::chrono::milliseconds time) const;
 
     // Waits until `other` is readable, the stop was requested or the deadline passed. Interrupted waits go on
-    // with the remaining time of the monotonic clock.
+    // with the remaining time of the monotonic clock. kError: poll() refused; at once, so the caller paces
+    // itself.
     enum class Wake { kReady, kStopped, kTimeout, kError };
     Wake wait_readable(int other, std::chrono::steady_clock::time_point deadline) const;
     Wake wait_readable(int other) const;  // no deadline
@@ -44,6 +46,7 @@ private:
     explicit StopSignal(Never) {}  // needs no descriptor
 
     UniqueFd event_;
+    std::atomic<bool> requested_ = false;
 };
 
 // Runs `body` on a thread of its own. The exported classes keep the thread in a `std::thread*` field; what

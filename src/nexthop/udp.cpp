@@ -203,6 +203,7 @@ void ProcUdp::serve(int fd, const std::string& local, int own) {
     while (running) {
         const auto wake = stop.wait_readable(fd);
         if (wake == StopSignal::Wake::kStopped) return;
+        if (wake == StopSignal::Wake::kError) stop.wait_for(kErrorPause);
         // Whatever one datagram does, the next one is served.
         corvo::guarded_void([&] { serve_one(fd, own, local); });
     }

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -247,6 +248,29 @@ TEST(WorkerTest, WaitEndsAtItsDeadlineAndNotBefore) {
     const auto start = Clock::now();
     EXPECT_FALSE(corvo::Worker::current_stop().wait_for(50ms));
     EXPECT_GE(Clock::now() - start, 50ms);
+}
+
+// With a limit below its two descriptors poll() refuses every call.
+TEST(WorkerTest, WaitThatTheKernelRefusesIsSleptThroughAndStillStopped) {
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    corvo::StopSignal stop;
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const auto refused = stop.wait_readable(-1);
+    auto begin = Clock::now();
+    const bool early = stop.wait_for(120ms);
+    const auto waited = Clock::now() - begin;
+    stop.request();
+    begin = Clock::now();
+    const bool stopped = stop.wait_for(10s);
+    const auto to_stop = Clock::now() - begin;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(refused, corvo::StopSignal::Wake::kError);
+    EXPECT_FALSE(early);
+    EXPECT_GE(waited, 120ms);
+    EXPECT_TRUE(stopped);
+    EXPECT_LT(to_stop, 1s);
 }
 
 TEST(WorkerTest, ReadableDescriptorAndStopAreToldApart) {
