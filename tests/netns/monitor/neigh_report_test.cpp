@@ -108,6 +108,19 @@ TEST_F(NeighCycle, ReloadWritesTheLastReportedStatus) {
     EXPECT_EQ(condition("PORT1"), "0");
 }
 
+TEST_F(NeighCycle, WritingTheConditionIsTracedWhenVerbose) {
+    auto probe = connected();
+    clear_log();
+    verbose = 1;
+    EXPECT_EQ(probe->update_condition(0), 0);
+    verbose = 0;
+    EXPECT_THAT(
+        log_texts(),
+        ElementsAre(testing::MatchesRegex(R"(\[DEBUG\] Enter neigh\.cpp::[0-9]+::update_condition)"),
+                    "[DEBUG] Update condition:  1",
+                    testing::MatchesRegex(R"(\[DEBUG\] Exit neigh\.cpp::[0-9]+::update_condition: 0)")));
+}
+
 TEST_F(NeighCycle, ConditionThatCannotBeOpenedIsMinus3016) {
     auto probe = connected();
     ::unlink("/proc/net/nf_condition/PORT1");

@@ -163,6 +163,13 @@ TEST_F(RgLinkTest, FailuresAreReportedAsForTunnels) {
     EXPECT_EQ(route(std::string(R"({"add": [)") + kGood + "]}"), -3011);
 }
 
+TEST_F(RgLinkTest, ElementWithoutADestinationIsPassedOver) {
+    EXPECT_EQ(route(R"({"add": [{"SITE": "9", "DEST": "", "RTA_GATEWAY": ["1.1.1.1"], "DEVICE": "tun2"}]})"),
+              0);
+    EXPECT_THAT(only("edit_route"), IsEmpty());
+    EXPECT_THAT(errors(), IsEmpty());
+}
+
 TEST_F(RgLinkTest, BadElementsFailAloneAndSaySo) {
     const char* const bad[] = {
         "5", R"({"SITE": "9", "DEST": "10.6.0.0/16", "RTA_GATEWAY": ["1.1.1.1"], "DEVICE": []})",

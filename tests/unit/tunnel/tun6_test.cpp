@@ -122,6 +122,15 @@ TEST_F(Tun6Test, FailingRulesAreLoggedAndTheResultIsSuccess) {
                                    "[ERROR] delete ipv6 mptcp defult rule failed."));
 }
 
+TEST_F(Tun6Test, DeletionGoesOnWithoutMemoryForItsRules) {
+    devices["ip6tun4"] = 12;
+    Tun6 link = tun();
+    run_out_of_memory("edit_rule6");
+    EXPECT_EQ(link.setup_tun(1), 0);
+    EXPECT_THAT(errors(), ElementsAre("[ERROR] destroy_tun_rule(): ip6tun4 failed."));
+    EXPECT_EQ(devices.count("ip6tun4"), 0u);
+}
+
 TEST_F(Tun6Test, MptcpDefaultRule) {
     EXPECT_EQ(setup_tuni6_mptcp_default_rule(0, "wan0"), 0);
     EXPECT_THAT(calls, IsEmpty());
