@@ -56,16 +56,15 @@ def build_network(results, work, args):
         provider.build(devices)
     network.peer(*providers)
     hosts = {site.name: network.build_site(site, devices[site.name]) for site in plan.SITES}
-    took = time.time() - began
-    results.check("two providers, branch, two hubs, three LANs", "built", f"{took:.1f} s", True)
-    return devices, providers, hosts, took
+    results.check("two providers, branch, two hubs, three LANs", "built", f"{time.time() - began:.1f} s", True)
+    return devices, providers, hosts
 
 
 def go(results, args, work):
-    devices, providers, hosts, took = build_network(results, work, args)
+    devices, providers, hosts = build_network(results, work, args)
     recorder = branch_view = None
     try:
-        steps = Steps(results, devices, providers, hosts, args.out, took)
+        steps = Steps(results, devices, providers, hosts, args.out)
         branch = devices[plan.BRANCH.name]
         steps.bring_up()
         recorder = hosts[plan.BRANCH.name].agent(traffic.record, branch.machine.pid, str(args.out / "samples"), 0.5)
