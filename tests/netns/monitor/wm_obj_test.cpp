@@ -4,10 +4,8 @@
 
 #include <gmock/gmock.h>
 
-#include <set>
 #include <thread>
 
-#include "support/failing_new.h"
 #include "support/layout.h"
 #include "wan.h"
 
@@ -157,36 +155,6 @@ TEST_F(WholeMonitor, DebugLevelReachesEveryMember) {
     EXPECT_EQ(field<int>(field<void*>(point_to_point.get(), kPing), 4), 4);
     EXPECT_EQ(field<int>(field<void*>(point_to_point.get(), kQdm), 4), 4);
     EXPECT_EQ(field<int>(field<void*>(point_to_point.get(), kUdp), 8), 4);
-}
-
-// The lines about a member's stop, with whichever of its allocations failing.
-std::set<std::string> failed_stops(WmObj& object) {
-    clear_log();
-    bool struck = true;
-    for (int allocation = 0; struck; ++allocation) {
-        const FailingNew failing(allocation, FailingNew::Then::kRecovers);
-        object.stop();
-        struck = failing.struck();
-    }
-    std::set<std::string> lines;
-    for (const auto& text : log_texts())
-        if (text.find(" stop failed") != std::string::npos) lines.insert(text);
-    return lines;
-}
-
-TEST_F(WholeMonitor, FailureToStopAMemberIsLoggedAndTheOthersAreStopped) {
-    const std::string target = "2001:db8:1234::5678";  // needs memory to be copied
-    auto ethernet = make("eth1", "WAN", target);
-    LeakCheck leaks;
-    EXPECT_THAT(failed_stops(*ethernet),
-                UnorderedElementsAre("[ERROR] Dev: eth1's arp stop failed, Ret: -3010",
-                                     "[ERROR] Dev: eth1's qdm stop failed, Ret: -3010",
-                                     "[ERROR] Dev: eth1's udp stop failed, Ret: -3010"));
-    auto point_to_point = make("ppp-eth1", "WAN", target);
-    EXPECT_THAT(failed_stops(*point_to_point),
-                UnorderedElementsAre("[ERROR] Dev: ppp-eth1's ping stop failed, Ret: -3010",
-                                     "[ERROR] Dev: ppp-eth1's qdm stop failed, Ret: -3010",
-                                     "[ERROR] Dev: ppp-eth1's udp stop failed, Ret: -3010"));
 }
 
 TEST_F(WholeMonitor, IsStartedAndStoppedFromFourThreads) {
