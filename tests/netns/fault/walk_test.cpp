@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <set>
+#include <vector>
 
 #include "foundation/result.h"
 #include "monitor/cycle.h"
@@ -68,6 +70,31 @@ bool all_points() {
 int next_point(int n, bool slow) {
     const int dense = slow ? 8 : 24;
     return all_points() || n < dense ? n + 1 : n + 1 + n / (slow ? 3 : 8);
+}
+
+// How long one function is walked. CORVO_FAULT_SECONDS gives another time; CORVO_FAULT_ALL has no limit.
+std::chrono::seconds time_to_walk() {
+    if (all_points()) return std::chrono::hours(24);
+    const char* wish = std::getenv("CORVO_FAULT_SECONDS");
+    return std::chrono::seconds(wish != nullptr ? std::atoi(wish) : 20);
+}
+
+// One kind of fault on its way along the call.
+struct Walker {
+    Plan plan;
+    bool ended = false;  // the call has fewer points than plan.nth
+};
+
+std::vector<Walker> all_walkers() {
+    std::vector<Walker> all;
+    for (int k = 0; k < fault::kKinds; ++k) {
+        const auto kind = static_cast<Kind>(k);
+        for (int variant = 0; variant < fault::variants(kind); ++variant) {
+            all.push_back({{kind, 1, variant, false}});
+            if (fault::can_last(kind, variant)) all.push_back({{kind, 1, variant, true}});
+        }
+    }
+    return all;
 }
 
 class Walk : public testing::TestWithParam<std::size_t> {
@@ -167,20 +194,28 @@ protected:
 TEST_P(Walk, EveryFaultIsACodeALineAndNothingElse) {
     learn();
     int points = 0;
-    for (int k = 0; k < fault::kKinds && !HasFatalFailure(); ++k) {
-        const auto kind = static_cast<Kind>(k);
-        for (int variant = 0; variant < fault::variants(kind); ++variant) {
-            for (const bool lasting : {false, true}) {
-                if (lasting && !fault::can_last(kind, variant)) continue;
-                // What lasts is tried from fewer places.
-                for (int n = 1; step({kind, n, variant, lasting});
-                     n = lasting ? n * 3 : next_point(n, row().is_slow)) {
-                    ++points;
-                    if (testing::Test::HasFailure() && !all_points()) return;
-                }
-            }
+    // Every kind takes its first step before any takes its second: where the time is up, the breadth is
+    // there.
+    auto walkers = all_walkers();
+    const auto until = std::chrono::steady_clock::now() + time_to_walk();
+    bool in_time = true;
+    for (bool walking = true; walking && in_time;) {
+        walking = false;
+        for (Walker& walker : walkers) {
+            if (walker.ended) continue;
+            in_time = std::chrono::steady_clock::now() < until;
+            if (!in_time || HasFatalFailure()) break;
+            walker.ended = !step(walker.plan);
+            if (walker.ended) continue;
+            walking = true;
+            ++points;
+            if (testing::Test::HasFailure() && !all_points()) return;
+            // What lasts is tried from fewer places.
+            int& n = walker.plan.nth;
+            n = walker.plan.lasting ? n * 3 : next_point(n, row().is_slow);
         }
     }
+    if (!in_time) std::printf("the time for this walk is up\n");
     RecordProperty("faults", points);
     std::printf("%d faults\n", points);
 }
