@@ -2,9 +2,10 @@
 //
 // Watches one Ethernet-like device: every 2 s the kernel must hold a usable neighbour entry (RFC 826, states
 // of <linux/neighbour.h>) for its gateway. Six bad cycles in a row report the link down, one good cycle
-// reports it up; the first settled cycle after the start always reports. A report moves the default gateway
-// and the interface (WAN links only), tells the hub manager, writes the netfilter condition file
-// /proc/net/nf_condition/PORT<id> and replaces the status document, in that order.
+// reports it up; the first settled cycle of an object always reports (one that was stopped and started again
+// reports changes only). A report moves the default gateway and the interface (WAN links only), tells the hub
+// manager, writes the netfilter condition file /proc/net/nf_condition/PORT<id> and replaces the status
+// document, in that order.
 //
 // Threading: everything but the destructor may be called from any thread; start and stop wait for each other.
 // Errors: negative result codes; the constructor throws one as an int.

@@ -7,8 +7,11 @@
 #include <charconv>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <mutex>
+#include <string_view>
 
 #include "corvosetup/utils.h"
 #include "foundation/command.h"
@@ -126,6 +129,23 @@ void open_stream(const std::string& path) {
     setup_logger.open(path, std::ios::out | std::ios::app);
     log_lost = !setup_logger.is_open();
     close_on_exec(*setup_logger.rdbuf());
+}
+
+constexpr std::time_t kZonePeriod = 60;
+
+// Takes over a change of the zone: of the variable at once, of the system's file within a minute. tzset()
+// looks at the zone's file each time, which a device with a slow disk notices in the time from a dead gateway
+// to the new route.
+void follow_zone_locked() {
+    static std::size_t zone = 0;  // a number, as the log outlives static objects
+    static std::time_t next = 0;
+    const char* const name = std::getenv("TZ");
+    const std::size_t wanted = name != nullptr ? std::hash<std::string_view>{}(name) : 0;
+    const std::time_t now = std::time(nullptr);
+    if (wanted == zone && now < next && now >= next - kZonePeriod) return;
+    tzset();
+    zone = wanted;
+    next = now + kZonePeriod;
 }
 
 void reopen_locked(const std::string& path) {
@@ -260,7 +280,7 @@ void ensure_file() {
     guarded_void([] {
         NoCancel no_cancel;
         std::lock_guard hold(log_lock);
-        tzset();
+        follow_zone_locked();
         if (log_closed || does_file_exist(log_target)) return;
         close_stream();
         reopen_locked(log_target);
