@@ -45,7 +45,8 @@ private:
 void write(Level level, std::string_view text, bool ends_line);
 
 // Called by every daemon-facing entry point before its first line: when the log file was deleted or moved
-// away, the stream is reopened, which creates it again. A change of the time zone is picked up here, too.
+// away, the stream is reopened, which creates it again. A change of TZ is picked up here, too, one of the
+// system's zone within a minute.
 void ensure_file();
 
 namespace detail {
