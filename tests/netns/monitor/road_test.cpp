@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <iostream>
 
+#include "support/sanitized.h"
+
 namespace corvo::test {
 namespace {
 
@@ -88,12 +90,15 @@ TEST_F(Road, KernelHasItsNewRouteWithinFiveMilliseconds) {
     start();
     only_note_calls();
     std::vector<long> taken;
-    // The testbed is an emulation some 14 times slower than its host, and shares that: its best round counts,
-    // and it gets more of them.
-    const auto fast_enough = [&] {
-        return std::any_of(taken.begin(), taken.end(), [](long us) { return us < 5000; });
+    // The testbed is an emulation some 14 times slower than its host, and shares that: its best round counts.
+    // Everywhere else the middle one does. A machine that is busy with others gets more rounds.
+    const long limit = kSanitized ? 100'000 : 5'000;
+    const auto result = [&] {
+        std::vector<long> sorted = taken;
+        std::sort(sorted.begin(), sorted.end());
+        return in_device_tier() ? sorted.front() : sorted[sorted.size() / 2];
     };
-    for (int round = 0; round < 9 || (in_device_tier() && round < 30 && !fast_enough()); ++round) {
+    for (int round = 0; round < 9 || (round < 30 && result() >= limit); ++round) {
         gateway(false);
         ASSERT_TRUE(wait_for(1));
         ASSERT_TRUE(wait_until(
@@ -105,9 +110,8 @@ TEST_F(Road, KernelHasItsNewRouteWithinFiveMilliseconds) {
         gateway(true);
         ASSERT_TRUE(wait_for(0));
     }
-    std::sort(taken.begin(), taken.end());
     for (const long us : taken) std::cout << "    decision to route: " << us << " us\n";
-    EXPECT_LT(in_device_tier() ? taken.front() : taken[taken.size() / 2], 5000);
+    EXPECT_LT(result(), limit);
     monitor_->stop();
 }
 
@@ -132,8 +136,9 @@ TEST_F(Road, HungHubManagerDelaysNothingBeforeIt) {
     timeline_.print();
     const auto decision = timeline_.when("status changed: 0 to 1");
     // (the testbed is an emulation on a shared machine)
-    EXPECT_LT(timeline_.when("kernel: new default route") - decision, in_device_tier() ? 500ms : 20ms);
-    EXPECT_LT(timeline_.when("pluvd.exec") - decision, in_device_tier() ? 1000ms : 200ms);
+    EXPECT_LT(timeline_.when("kernel: new default route") - decision,
+              in_device_tier() || kSanitized ? 500ms : 20ms);
+    EXPECT_LT(timeline_.when("pluvd.exec") - decision, in_device_tier() || kSanitized ? 1000ms : 200ms);
     EXPECT_GE(timeline_.when("Update condition:  0") - decision, hang - 100ms) << "what comes after it waits";
     services->recover("nm-halor.UpdateWanNexthopStatus");
     monitor_->stop();

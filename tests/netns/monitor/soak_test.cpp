@@ -19,6 +19,7 @@
 #include "corvosetup/log.h"
 #include "corvosetup/ping_test.h"
 #include "corvosetup/wm_obj.h"
+#include "support/sanitized.h"
 #include "wan.h"
 
 namespace corvo::test {
@@ -30,11 +31,7 @@ constexpr int kFirst = 2;
 constexpr int kLinks = 8;
 constexpr int kHubs = 4;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kMemoryCounts = false;  // a sanitizer's own memory grows with what it has seen
-#else
-constexpr bool kMemoryCounts = true;
-#endif
+constexpr bool kMemoryCounts = !kSanitized;
 
 unsigned long setting(const char* name, unsigned long by_default) {
     const char* chosen = std::getenv(name);

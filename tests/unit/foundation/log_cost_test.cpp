@@ -9,6 +9,7 @@
 
 #include "foundation/log_line.h"
 #include "log_fixture.h"
+#include "support/sanitized.h"
 #include "valgrind.h"
 
 namespace {
@@ -47,14 +48,9 @@ std::map<long, int> calls_of_lines(const std::string& text) {
     return calls;
 }
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-
-#define NEEDS_BARE_SYSTEM_CALLS() \
-    if (kSanitized || under_valgrind()) GTEST_SKIP() << "the checker's own system calls would be counted"
+#define NEEDS_BARE_SYSTEM_CALLS()                    \
+    if (corvo::test::kSanitized || under_valgrind()) \
+    GTEST_SKIP() << "the checker's own system calls would be counted"
 
 void expect_one_stat_and_one_write(const std::map<long, int>& calls) {
     int stats = 0;
