@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <numeric>
 #include <utility>
 
@@ -61,7 +62,7 @@ void RouteSession::submit(unsigned op, const route_conf& record) {
     const std::size_t result = results_.size();
     results_.push_back(kOk);
     const int read = read_record(
-        record, op, [this](const char* name) { return socket_->link_index(name); }, spec_);
+        record, op, [this](const char* name) { return index_of(name); }, spec_);
     if (read < 0) {
         results_[result] = read;
         return;
@@ -80,6 +81,13 @@ void RouteSession::submit(unsigned op, const route_conf& record) {
 std::vector<int> RouteSession::finish() {
     send_batch();
     return std::exchange(results_, {});
+}
+
+unsigned RouteSession::index_of(const char* name) {
+    if (device_index_ != 0 && std::strcmp(name, device_) == 0) return device_index_;
+    device_index_ = socket_->link_index(name);
+    if (device_index_ != 0) std::strcpy(device_, name);  // the name of a device fits
+    return device_index_;
 }
 
 void RouteSession::begin_slot(std::size_t result, const RouteKey& key) {
@@ -175,6 +183,7 @@ int RouteSession::flush_matching(const RouteKey& key) {
 }
 
 void RouteSession::send_batch() {
+    device_index_ = 0;
     if (slots_.empty()) return;
     if (!wide_ && slots_.size() > 1) {
         socket_->prepare_for_many(kReceiveBuffer);

@@ -19,6 +19,8 @@
 // edit.
 #pragma once
 
+#include <net/if.h>
+
 #include <memory>
 #include <vector>
 
@@ -72,6 +74,9 @@ private:
     void queue_flush(const RouteKey& key, std::size_t result);
     int add_unkeyed(const RouteSpec& spec);
 
+    // The index of the device, asked for once per batch: the next hops of a list leave by few devices.
+    unsigned index_of(const char* name);
+
     void send_batch();
     void run_rounds(std::vector<std::size_t> todo);
     // Sends these slots in one datagram; errors_ then holds an errno for every message. False: the result of
@@ -84,6 +89,8 @@ private:
     unsigned op_ = 0;  // of everything in the batch
     bool wide_ = false;
     RouteSpec spec_;
+    char device_[IFNAMSIZ] = "";
+    unsigned device_index_ = 0;  // 0: none known
     MessageWriter batch_;
     std::vector<Slot> slots_;
     std::vector<std::uint8_t> outgoing_;

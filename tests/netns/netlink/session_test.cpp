@@ -77,6 +77,33 @@ TEST_F(Session, EditsOfEveryOperationMixInOrder) {
               std::vector<std::string>{"10.1.0.0/16 via 192.0.2.2 dev v0 proto static metric 7 onlink "});
 }
 
+// A device's index is remembered for a batch only, and never another device's.
+TEST_F(Session, NextHopsLeaveByTheDeviceThatHasTheirNameNow) {
+    RouteSession session;
+    ASSERT_EQ(session.open(), 0);
+    const auto results_of = [&](std::initializer_list<const char*> devices) {
+        int i = 0;
+        for (const char* device : devices) {
+            RouteRecord record(key(i++), 24, 1000, 7);
+            record.hop("192.0.2.2", device);
+            session.submit(0, *record.get());
+        }
+        return session.finish();
+    };
+    EXPECT_EQ(results_of({"v0", "w0", "v0", "missing", "v0"}), (std::vector<int>{0, 0, 0, -3005, 0}));
+    const auto line = [](const char* dst, const char* device) {
+        return std::string(dst) + "/24 via 192.0.2.2 dev " + device + " proto static metric 7 onlink ";
+    };
+    EXPECT_EQ(lines(1000), (std::vector<std::string>{line("10.0.0.0", "v0"), line("10.0.1.0", "w0"),
+                                                     line("10.0.2.0", "v0"), line("10.0.4.0", "v0")}));
+    for (const char* step : {"ip link set v0 down", "ip link set v0 name old0", "ip link set w0 down",
+                             "ip link set w0 name v0", "ip link set v0 up"}) {
+        ASSERT_TRUE(run_line(step).ok()) << step;
+    }
+    EXPECT_EQ(results_of({"v0", "w0"}), (std::vector<int>{0, -3005}));
+    EXPECT_EQ(lines(1000), std::vector<std::string>{line("10.0.0.0", "v0")});
+}
+
 // The same route twice in one list: the later one stays, also when old ones made the first one wait.
 TEST_F(Session, TheLaterOfTwoEditsOfOneRouteStays) {
     std::vector<std::string> commands;
