@@ -74,11 +74,10 @@ int network_addr(std::string& ip, unsigned int prefix) {
         if (prefix < 1 || prefix > 32) return corvo::kInvalidArgument;
         in_addr address{};
         if (!parse_address(AF_INET, ip, &address)) return corvo::kBadAddress;
-        address.s_addr &= prefix_to_network(prefix);
-        std::string network;
-        if (!format_ipv4(address, network)) return corvo::kBadAddress;
-        if (network != ip) ip = network;
-        return corvo::kOk;
+        const in_addr network{address.s_addr & prefix_to_network(prefix)};
+        // An address that is read has only one text, so that of a network can stay.
+        if (network.s_addr == address.s_addr) return corvo::kOk;
+        return format_ipv4(network, ip) ? corvo::kOk : corvo::kBadAddress;
     });
 }
 
