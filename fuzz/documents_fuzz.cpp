@@ -12,6 +12,7 @@
 #include "corvosetup/log.h"
 #include "fake_vx.h"
 #include "foundation/json.h"
+#include "foundation/plain_json.h"
 
 namespace {
 
@@ -72,6 +73,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     from_file >> document;
     must(from_file.get_cfg_flag() == 2 || (!from_file.good() && document.isNull()));
     walk(document, 0);
+
+    // What the quick reader takes is what jsoncpp reads.
+    Json::Value quick;
+    if (corvo::PlainJson plain(text); plain.value(&quick) && plain.at_end()) {
+        must(from_file.good() && quick == document);
+    }
 
     fake_vx::call_rc = 0;
     fake_vx::reply = "{\"error\":0,\"data\":" + text + "}";

@@ -46,6 +46,12 @@ bool j_has(const Json::Value& parent, const char* key) {
     return parent.isObject() && parent.find(key, key + std::char_traits<char>::length(key)) != nullptr;
 }
 
+Json::Value j_take(Json::Value& parent, const char* key) {
+    Json::Value taken;
+    if (parent.isObject()) parent.removeMember(key, &taken);
+    return taken;
+}
+
 const Json::Value& j_obj(const Json::Value& parent, const char* key) {
     const Json::Value& value = j_member(parent, key);
     return value.isObject() ? value : empty_of(Json::objectValue);

@@ -21,6 +21,8 @@ inline const Json::Value& j_member(const Json::Value& parent, const std::string&
     return j_member(parent, key.c_str());
 }
 bool j_has(const Json::Value& parent, const char* key);
+// The member taken out of `parent`, which need not keep it.
+Json::Value j_take(Json::Value& parent, const char* key);
 
 // The member if it is an object (an array), else an empty one.
 const Json::Value& j_obj(const Json::Value& parent, const char* key);

@@ -1,6 +1,5 @@
 #include "tunnel/link_routes.h"
 
-#include "corvosetup/cfg_file.h"
 #include "foundation/log_line.h"
 #include "foundation/result.h"
 #include "foundation/text.h"
@@ -64,18 +63,15 @@ int setup_link_routes(const RouteTarget& link, int type_bit, const std::string& 
 }
 
 int route_from_document(int table_base, const std::string& conf,
-                        const std::function<int(int op, Json::Value& list)>& apply) {
-    Json::Value document;
-    {
-        CfgFile file(conf);
-        if (type_of_base(table_base) == nullptr) {
-            log::error("Unkown route table id.\n");
-            return kInvalidArgument;
-        }
-        if (!file.good()) return kNotOpened;
-        file >> document;
+                        const std::function<int(int op, const RouteList& list)>& apply) {
+    RouteDocument document;
+    const bool loaded = document.load(conf);
+    if (type_of_base(table_base) == nullptr) {
+        log::error("Unkown route table id.\n");
+        return kInvalidArgument;
     }
-    return apply_route_document(document, apply);
+    if (!loaded) return kNotOpened;
+    return apply_route_lists(document.to_delete(), document.to_add(), apply);
 }
 
 }  // namespace corvo::tunnel

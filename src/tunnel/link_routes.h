@@ -3,12 +3,11 @@
 // Who may include this: this area.
 #pragma once
 
-#include <json/value.h>
-
 #include <functional>
 #include <string>
 
 #include "tunnel/numbering.h"
+#include "tunnel/route_document.h"
 
 namespace corvo::tunnel {
 
@@ -37,6 +36,6 @@ int setup_link_routes(const RouteTarget& link, int type_bit, const std::string& 
 // Reads the document `conf` and applies its lists; -3004 for an unknown table base, -3016 for a document that
 // cannot be read, -3011 when an element of "add" failed.
 int route_from_document(int table_base, const std::string& conf,
-                        const std::function<int(int op, Json::Value& list)>& apply);
+                        const std::function<int(int op, const RouteList& list)>& apply);
 
 }  // namespace corvo::tunnel

@@ -48,6 +48,54 @@ PrivateLink link_of(Json::Value& entry) {
     return PrivateLink(j_str(entry, "slave"), entry);
 }
 
+// The routes of a list that are a link's own, for the tables of one base.
+struct OwnRoutes {
+    int table_base;
+    int index;  // of the device, below 1 when it is not there
+    int port;
+    int prio;
+    std::string dev;
+
+    Fate fill(int op, const Json::Value& element, RouteDraft<Ipv4Routes>& route) const;
+    int apply(int op, const RouteList& list) const {
+        return apply_route_list<Ipv4Routes>(op, list,
+                                            [&](const Json::Value& element, RouteDraft<Ipv4Routes>& route) {
+                                                return fill(op, element, route);
+                                            });
+    }
+};
+
+Fate OwnRoutes::fill(int op, const Json::Value& element, RouteDraft<Ipv4Routes>& route) const {
+    route.begin(element, number_of(table_base, index));
+    const Json::Value& gateways = list_of(j_member(element, "RTA_GATEWAY"));
+    const Json::Value& ports = list_of(j_member(element, "LOCAL_PORT"));
+    const Json::Value& weights = list_of(j_member(element, "WEIGHT"));
+    if (gateways.size() != ports.size() || gateways.size() != weights.size()) {
+        route.note = "Gateway, Weight and Local Port are not equal.";
+        return Fate::kSkip;
+    }
+    Json::ArrayIndex j = 0;
+    for (; j < ports.size(); ++j) {
+        const int number = port_number(ports[j]);
+        if (number != 0 && number == port) break;
+    }
+    if (j == ports.size()) return Fate::kSkip;  // other links' route
+
+    if (!route.read_site(element)) return Fate::kSkip;
+    const Json::Value& dest = j_member(element, "DEST");
+    if (!route.read_destination(dest.isArray() ? item_of(dest, j) : dest)) return Fate::kSkip;
+    if (truth_of(j_member(element, "CROSS_DOMAIN"))) {
+        if (table_base != kMptcpBase) route.record.table = kSharedTable;
+    } else if (table_base == kDefaultBase) {
+        route.record.table = kDefaultBase;
+        route.record.priority = prio;
+    }
+    if (op == kRouteFlush) return Fate::kSend;
+    route.add_hop(gateways[j], index > 0 ? dev : kNoDevice, 0);
+    route.set_metrics(kMtu, kAdvMss);
+    return Fate::kSend;
+}
+
 }  // namespace
 
 PrivateLink::PrivateLink(std::string slave, Json::Value& info)
@@ -191,8 +239,9 @@ int PrivateLink::setup_route(int type_bit, std::string& conf) {
 
 int PrivateLink::setup_tun_routing(int table_base, std::string& conf) {
     return guarded([&] {
-        return route_from_document(
-            table_base, conf, [&](int op, Json::Value& list) { return edit_routing(table_base, op, list); });
+        const OwnRoutes own{table_base, obtain_ifindex(), port, prio, dev};
+        return route_from_document(table_base, conf,
+                                   [&](int op, const RouteList& list) { return own.apply(op, list); });
     });
 }
 
@@ -200,38 +249,7 @@ int PrivateLink::edit_routing(int table_base, int op, Json::Value& list) {
     return guarded([&] {
         // Callers in the field use both orders of the two numbers.
         if (table_base < 10 && op >= kS2sBase) std::swap(table_base, op);
-        const int index = obtain_ifindex();
-        return apply_route_list<Ipv4Routes>(
-            op, list, [&](const Json::Value& element, RouteDraft<Ipv4Routes>& route) {
-                route.begin(element, number_of(table_base, index));
-                const Json::Value& gateways = list_of(j_member(element, "RTA_GATEWAY"));
-                const Json::Value& ports = list_of(j_member(element, "LOCAL_PORT"));
-                const Json::Value& weights = list_of(j_member(element, "WEIGHT"));
-                if (gateways.size() != ports.size() || gateways.size() != weights.size()) {
-                    route.note = "Gateway, Weight and Local Port are not equal.";
-                    return Fate::kSkip;
-                }
-                Json::ArrayIndex j = 0;
-                for (; j < ports.size(); ++j) {
-                    const int number = port_number(ports[j]);
-                    if (number != 0 && number == port) break;
-                }
-                if (j == ports.size()) return Fate::kSkip;  // other links' route
-
-                if (!route.read_site(element)) return Fate::kSkip;
-                const Json::Value& dest = j_member(element, "DEST");
-                if (!route.read_destination(dest.isArray() ? item_of(dest, j) : dest)) return Fate::kSkip;
-                if (truth_of(j_member(element, "CROSS_DOMAIN"))) {
-                    if (table_base != kMptcpBase) route.record.table = kSharedTable;
-                } else if (table_base == kDefaultBase) {
-                    route.record.table = kDefaultBase;
-                    route.record.priority = prio;
-                }
-                if (op == kRouteFlush) return Fate::kSend;
-                route.add_hop(gateways[j], index > 0 ? dev : kNoDevice, 0);
-                route.set_metrics(kMtu, kAdvMss);
-                return Fate::kSend;
-            });
+        return OwnRoutes{table_base, obtain_ifindex(), port, prio, dev}.apply(op, RouteList(list));
     });
 }
 

@@ -1,6 +1,5 @@
 #include "corvosetup/rglink.h"
 
-#include "corvosetup/cfg_file.h"
 #include "corvosetup/service.h"
 #include "corvosetup/utils.h"
 #include "foundation/guard.h"
@@ -23,7 +22,7 @@ namespace {
 constexpr const char* kFile = "rglink.cpp";
 
 // All regional links share one table; each element names the device that its next hops leave by.
-int apply_regional(int op, const Json::Value& list) {
+int apply_regional(int op, const RouteList& list) {
     return apply_route_list<Ipv4Routes>(op, list,
                                         [&](const Json::Value& element, RouteDraft<Ipv4Routes>& route) {
                                             route.begin(element, kSharedTable);
@@ -146,12 +145,8 @@ int setup_regional_route(std::string& type, std::string& conf) {
             corvo::log::error("Wrong route type.\n");
             return entry.leave<int>(corvo::kInvalidArgument);
         }
-        Json::Value document;
-        {
-            CfgFile file(conf);
-            if (!file.good()) return entry.leave<int>(corvo::kNotOpened);
-            file >> document;
-        }
-        return entry.leave(apply_route_document(document, &apply_regional));
+        RouteDocument document;
+        if (!document.load(conf)) return entry.leave<int>(corvo::kNotOpened);
+        return entry.leave(apply_route_lists(document.to_delete(), document.to_add(), &apply_regional));
     });
 }

@@ -183,13 +183,12 @@ void RouteDraft<Routes>::set_metrics(int mtu, int advmss) {
 }
 
 template <class Routes>
-int apply_route_list(int op, const Json::Value& list, std::size_t variants,
+int apply_route_list(int op, const RouteList& list, std::size_t variants,
                      const std::function<Fate(const Json::Value& element, std::size_t variant,
                                               RouteDraft<Routes>& route)>& fill) {
     int failed = 0;
-    if (!list.isArray()) return failed;
     Batch<Routes> batch(op, failed);
-    for (const Json::Value& element : list) {
+    list.each([&](const Json::Value& element) {
         for (std::size_t variant = 0; variant < variants; ++variant) {
             RouteDraft<Routes>& draft = batch.open();
             const int filled = guarded([&]() -> int {
@@ -198,13 +197,13 @@ int apply_route_list(int op, const Json::Value& list, std::size_t variants,
             });
             if (filled != kOk) draft.fate = Fate::kFail;
         }
-    }
+    });
     batch.close();
     return failed;
 }
 
 template <class Routes>
-int apply_route_list(int op, const Json::Value& list, const FillRoute<Routes>& fill) {
+int apply_route_list(int op, const RouteList& list, const FillRoute<Routes>& fill) {
     return apply_route_list<Routes>(op, list, 1,
                                     [&](const Json::Value& element, std::size_t, RouteDraft<Routes>& route) {
                                         return fill(element, route);
@@ -213,18 +212,15 @@ int apply_route_list(int op, const Json::Value& list, const FillRoute<Routes>& f
 
 template class RouteDraft<Ipv4Routes>;
 template class RouteDraft<Ipv6Routes>;
-template int apply_route_list<Ipv4Routes>(int, const Json::Value&, const FillRoute<Ipv4Routes>&);
+template int apply_route_list<Ipv4Routes>(int, const RouteList&, const FillRoute<Ipv4Routes>&);
 template int apply_route_list<Ipv6Routes>(
-    int, const Json::Value&, std::size_t,
+    int, const RouteList&, std::size_t,
     const std::function<Fate(const Json::Value&, std::size_t, RouteDraft<Ipv6Routes>&)>&);
 
-int apply_route_document(Json::Value& document, const std::function<int(int op, Json::Value& list)>& apply) {
-    // Found without inserting, in a document that is the caller's to change.
-    const auto list = [&](const char* key) -> Json::Value& {
-        return const_cast<Json::Value&>(j_arr(document, key));
-    };
-    if (!list("del").empty()) apply(kRouteFlush, list("del"));
-    if (!list("add").empty() && apply(kRouteAdd, list("add")) != 0) return kRefused;
+int apply_route_lists(const RouteList& to_delete, const RouteList& to_add,
+                      const std::function<int(int op, const RouteList& list)>& apply) {
+    if (!to_delete.empty()) apply(kRouteFlush, to_delete);
+    if (!to_add.empty() && apply(kRouteAdd, to_add) != 0) return kRefused;
     return kOk;
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "tunnel/numbering.h"
+#include "tunnel/route_document.h"
 #include "tunnel/route_send.h"
 
 namespace corvo::tunnel {
@@ -68,18 +69,19 @@ using FillRoute = std::function<Fate(const Json::Value& element, RouteDraft<Rout
 
 // Applies `list` and returns how many elements failed.
 template <class Routes>
-int apply_route_list(int op, const Json::Value& list, const FillRoute<Routes>& fill);
+int apply_route_list(int op, const RouteList& list, const FillRoute<Routes>& fill);
 
 // The same with every element made into one route per variant 0..variants-1, variants of one element
 // together.
 template <class Routes>
-int apply_route_list(int op, const Json::Value& list, std::size_t variants,
+int apply_route_list(int op, const RouteList& list, std::size_t variants,
                      const std::function<Fate(const Json::Value& element, std::size_t variant,
                                               RouteDraft<Routes>& route)>& fill);
 
-// Applies a document: its "del" list, whose failures do not count, then its "add" list; -3011 when an element
-// of that failed.
-int apply_route_document(Json::Value& document, const std::function<int(int op, Json::Value& list)>& apply);
+// Applies a document's lists with `apply`: the one to delete, whose failures do not count, then the one to
+// add; -3011 when an element of that failed.
+int apply_route_lists(const RouteList& to_delete, const RouteList& to_add,
+                      const std::function<int(int op, const RouteList& list)>& apply);
 
 // Reading what an element holds: these throw a result code on a type that is not convertible.
 std::string text_of(const Json::Value& value);         // null: ""

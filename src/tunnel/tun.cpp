@@ -137,7 +137,7 @@ int Tun::setup_route(int type_bit, std::string& conf) {
 int Tun::setup_tun_routing(int table_base, std::string& conf) {
     return guarded([&] {
         const PathMetrics metrics = metrics_of(table_base);
-        return route_from_document(table_base, conf, [&](int op, Json::Value& list) {
+        return route_from_document(table_base, conf, [&](int op, const RouteList& list) {
             return apply_route_list<Ipv4Routes>(
                 op, list, [&](const Json::Value& element, RouteDraft<Ipv4Routes>& route) {
                     route.begin(element, number_of(table_base, id));

@@ -61,7 +61,7 @@ int apply_to_all(const EntryMap& wans, int table_base, const Json::Value& list, 
     std::vector<const Json::Value*> entries;
     for (const auto& [key, wan] : wans) entries.push_back(&wan);
     return apply_route_list<Ipv6Routes>(
-        op, list, entries.size(),
+        op, RouteList(list), entries.size(),
         [&](const Json::Value& element, std::size_t variant, RouteDraft<Ipv6Routes>& route) {
             const Json::Value& wan = *entries[variant];
             if (op != kRouteFlush && j_str(wan, "ip6_addr").empty()) return Fate::kSkip;
@@ -159,8 +159,13 @@ int V6TunRo::setup_route6(int type_bit) {
     return guarded([&]() -> int {
         for (const Route6Type& type : kRoute6Types) {
             if (type.bit != type_bit) continue;
-            return apply_route_document(
-                root, [&](int op, Json::Value& list) { return (this->*type.apply)(list, op); });
+            // The lists of the document that this object holds, found without inserting them.
+            const Json::Value& to_delete = corvo::j_arr(root, "del");
+            const Json::Value& to_add = corvo::j_arr(root, "add");
+            return apply_route_lists(RouteList(to_delete), RouteList(to_add), [&](int op, const RouteList&) {
+                return (this->*type.apply)(const_cast<Json::Value&>(op == kRouteAdd ? to_add : to_delete),
+                                           op);
+            });
         }
         return corvo::kInvalidArgument;
     });

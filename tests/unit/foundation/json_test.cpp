@@ -57,6 +57,17 @@ TEST(JsonAccess, ReadingInsertsNothing) {
     EXPECT_EQ(object.size(), 1U);
 }
 
+TEST(JsonAccess, TakenMemberIsGoneFromItsParent) {
+    Json::Value parent;
+    ASSERT_TRUE(parse_json(R"({"a": [1], "b": 2})", parent));
+    EXPECT_EQ(compact_json(j_take(parent, "a")), "[1]");
+    EXPECT_EQ(compact_json(parent), R"({"b":2})");
+    EXPECT_TRUE(j_take(parent, "a").isNull());
+    for (Json::Value other : {Json::Value(), Json::Value("a"), Json::Value(Json::arrayValue)}) {
+        EXPECT_TRUE(j_take(other, "a").isNull());
+    }
+}
+
 TEST(JsonAccess, MissingNullAndForeignGiveTheDefault) {
     const Json::Value object = parsed(R"({"n":null,"s":"5","a":[],"big":99999999999,"neg":-1})");
     EXPECT_EQ(j_int(object, "none", 7), 7);
