@@ -80,31 +80,6 @@ vx::Reply broken(ServiceFault fault, std::string good) {
     }
 }
 
-std::vector<std::string> first_words(const std::vector<std::string>& lines) {
-    std::vector<std::string> words;
-    for (const auto& line : lines) words.push_back(line.substr(0, line.find(' ')));
-    return words;
-}
-
-// Commands that delete the rules that are there now and were not, by their priority (attribute 6).
-std::string rule_deletions(const std::vector<std::string>& base, const std::vector<std::string>& now) {
-    std::string batch;
-    for (const auto& line : now) {
-        const auto at = line.find(" 6=");
-        if (at == std::string::npos || std::find(base.begin(), base.end(), line) != base.end()) continue;
-        const auto swapped = static_cast<std::uint32_t>(std::stoul(line.substr(at + 3, 8), nullptr, 16));
-        batch += "rule del prio " + std::to_string(ntohl(swapped)) + "\n";
-    }
-    return batch;
-}
-
-void ip_force(const std::vector<std::string>& family, const std::string& batch) {
-    std::vector<std::string> argv{"ip"};
-    argv.insert(argv.end(), family.begin(), family.end());
-    argv.insert(argv.end(), {"-force", "-batch", "-"});
-    if (!batch.empty()) run_tool(argv, batch);
-}
-
 }  // namespace
 
 Machine::Machine() {
@@ -240,34 +215,7 @@ void Machine::be_hub(int stop) const {
 void Machine::reset() {
     const KernelState now = KernelState::now();
     if (now == base_) return;
-    const auto differs = [&](const char* section) {
-        return now.sections.at(section) != base_.sections.at(section);
-    };
-    std::string batch;
-    std::string batch6;
-    const auto kept = first_words(base_.sections.at("link"));
-    for (const auto& name : first_words(now.sections.at("link")))
-        if (std::find(kept.begin(), kept.end(), name) == kept.end()) batch += "link del " + name + "\n";
-    batch += rule_deletions(base_.sections.at("rule"), now.sections.at("rule"));
-    batch6 += rule_deletions(base_.sections.at("rule6"), now.sections.at("rule6"));
-    if (differs("route")) batch += "route flush table all proto static\n";
-    if (differs("route6")) batch6 += "route flush table all proto static\n";
-    if (differs("link") || differs("addr")) {
-        for (const std::string device : kDevices)
-            batch += "addr flush dev " + device + "\nlink set " + device + " up multicast on arp on\n";
-        batch += "link set ifb0 down\n";
-        for (const std::string address : kAddresses) batch += "addr add " + address + "\n";
-    }
-    ip_force({}, batch);
-    ip_force({"-6"}, batch6);
-    if (differs("qdisc")) {
-        std::string tc;
-        for (const std::string device : {"eth1", "eth2", "eth5", "ifb0"})
-            tc += "qdisc del dev " + device + " root\nqdisc del dev " + device + " ingress\n";
-        run_tool({"tc", "-force", "-batch", "-"}, tc);
-    }
-    for (const auto* port : {"PORT1", "PORT2", "PORT3"})
-        if (condition(port) != "0") write_file(std::string(kConditionDir) + port, "0");
+    restore(base_, now);
     const KernelState after = KernelState::now();
     if (!(after == base_))
         throw std::runtime_error("the machine cannot be reset:\n" + base_.difference(after));

@@ -34,6 +34,8 @@ struct Row {
     Row& needs(std::vector<std::string> names) { return features = std::move(names), *this; }
     // The call is long: fewer of its faults are tried.
     Row& slow() { return is_slow = true, *this; }
+    // It runs tools, and so takes a multiple of the time; its walk may, too.
+    Row& runs_tools() { return has_tools = true, *this; }
     // The name of the test, when the function's own is taken.
     Row& called(std::string text) { return name = std::move(text), *this; }
 
@@ -46,6 +48,7 @@ struct Row {
     bool must_log = false;
     bool touches_kernel = false;
     bool is_slow = false;
+    bool has_tools = false;
     std::function<void()> undo;
     std::vector<std::string> features;
 };

@@ -52,17 +52,22 @@ void add_wan(std::vector<Row>& rows) {
                    }).logs());
     rows.push_back(Row("_ZN7ProcQoS9check_qosEv",
                        [fresh](Machine&) { return Call([fresh] { return fresh(true)->check_qos(); }); }));
+    const auto on_fresh = [fresh](bool scanned, auto function) {
+        return [=](Machine&) { return Call([=] { return function(*fresh(scanned)); }); };
+    };
     const auto stop = [] { ProcQoS("eth1", 1, 1, kInfo).stop(); };
-    rows.push_back(Row("_ZN7ProcQoS9setup_qosEv", on([](ProcQoS& qos) { return qos.setup_qos(); }))
-                       .kernel()
-                       .logs()
-                       .needs(kWanFeatures)
-                       .undone_by(stop));
+    rows.push_back(
+        Row("_ZN7ProcQoS9setup_qosEv", on_fresh(true, [](ProcQoS& qos) { return qos.setup_qos(); }))
+            .kernel()
+            .logs()
+            .needs(kWanFeatures)
+            .undone_by(stop));
     rows.push_back(
         Row("_ZN7ProcQoS19setup_ingress_limitEv", on([](ProcQoS& qos) { return qos.setup_ingress_limit(); }))
             .kernel()
             .logs()
             .slow()
+            .runs_tools()
             .needs(kWanFeatures));
     rows.push_back(Row("_ZN7ProcQoS4stopEv", on([](ProcQoS& qos) {
                            {
@@ -73,16 +78,18 @@ void add_wan(std::vector<Row>& rows) {
                            return qos.stop();
                        }))
                        .kernel());
-    rows.push_back(Row("_ZN7ProcQoS5startEv", on([](ProcQoS& qos) { return qos.start(); }))
+    rows.push_back(Row("_ZN7ProcQoS5startEv", on_fresh(false, [](ProcQoS& qos) { return qos.start(); }))
                        .kernel()
                        .logs()
                        .slow()
+                       .runs_tools()
                        .needs(kWanFeatures)
                        .undone_by(stop));
-    rows.push_back(Row("_ZN7ProcQoS7restartEv", on([](ProcQoS& qos) { return qos.restart(); }))
+    rows.push_back(Row("_ZN7ProcQoS7restartEv", on_fresh(false, [](ProcQoS& qos) { return qos.restart(); }))
                        .kernel()
                        .logs()
                        .slow()
+                       .runs_tools()
                        .needs(kWanFeatures));
     const auto shape = [](int op) {
         return [op](Machine&) {

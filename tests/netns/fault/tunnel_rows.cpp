@@ -63,6 +63,21 @@ public:
         };
     }
 
+    // For what makes or deletes the device: an object remembers the index of the one it has seen, so each
+    // call is for an object of its own.
+    template <class Function>
+    std::function<Call(Machine&)> anew(Function function) const {
+        return [*this, function](Machine&) {
+            return Call([*this, function] {
+                const auto link = [this] {
+                    const fault::Spared here;
+                    return made<Link>(slave_, info_);
+                }();
+                return function(*link);
+            });
+        };
+    }
+
 private:
     const char* slave_;
     const char* info_;
@@ -191,14 +206,19 @@ void add_tun(std::vector<Row>& rows) {
     rows.push_back(Row("_ZN3Tun24setup_mptcp_default_ruleEi",
                        tun1([](Tun& tun) { return tun.setup_mptcp_default_rule(0); }))
                        .kernel());
-    rows.push_back(Row("_ZN3Tun9setup_tunEi", tun2([](Tun& tun) { return tun.setup_tun(0); }))
+    rows.push_back(Row("_ZN3Tun9setup_tunEi", tun2.anew([](Tun& tun) { return tun.setup_tun(0); }))
                        .kernel()
                        .logs()
                        .slow()
                        .needs({"ipip-gue"})
                        .undone_by([] { made<Tun>("eth2", kWan2)->setup_tun(1); }));
-    rows.push_back(Row("_ZN3Tun9setup_tunEi", tun2.after([](Tun& tun) { tun.setup_tun(0); },
-                                                         [](Tun& tun) { return tun.setup_tun(1); }))
+    rows.push_back(Row("_ZN3Tun9setup_tunEi", tun2.anew([](Tun& tun) {
+                       {
+                           const fault::Spared here;
+                           made<Tun>("eth2", kWan2)->setup_tun(0);
+                       }
+                       return tun.setup_tun(1);
+                   }))
                        .kernel()
                        .logs()
                        .slow()
@@ -268,7 +288,7 @@ void add_tun6(std::vector<Row>& rows) {
     rows.push_back(Row("_ZN4Tun624setup_mptcp_default_ruleEi",
                        tun1([](Tun6& tun) { return tun.setup_mptcp_default_rule(0); }))
                        .kernel());
-    rows.push_back(Row("_ZN4Tun69setup_tunEi", tun2([](Tun6& tun) { return tun.setup_tun(0); }))
+    rows.push_back(Row("_ZN4Tun69setup_tunEi", tun2.anew([](Tun6& tun) { return tun.setup_tun(0); }))
                        .kernel()
                        .logs()
                        .slow()
@@ -281,14 +301,20 @@ void add_tun6(std::vector<Row>& rows) {
                        .slow()
                        .needs({"sit"})
                        .undone_by([] { setup_tun6(1, text("eth2"), reference(kSource), 2); }));
-    rows.push_back(Row("_Z16setup_tun_route6R" + kString + "S5_", plain([] {
-                           return setup_tun_route6(reference("default6"),
-                                                   reference("/etc/networkmanagement/routes6.json"));
-                       }))
+    // Each WAN's tunnel gets the routes, so both have to be there.
+    rows.push_back(Row("_Z16setup_tun_route6R" + kString + "S5_",
+                       [](Machine&) {
+                           ip_batch({"link add ip6tun2 type veth peer name p-ip6tun2", "link set ip6tun2 up",
+                                     "link set p-ip6tun2 up", "addr add 2001:db8::12/64 dev ip6tun2"});
+                           wait_for_carrier("ip6tun2");
+                           return Call([] {
+                               return setup_tun_route6(reference("default6"),
+                                                       reference("/etc/networkmanagement/routes6.json"));
+                           });
+                       })
                        .kernel()
                        .logs()
-                       .slow()
-                       .needs({"sit"}));
+                       .slow());
     rows.push_back(Row("_Z30setup_tuni6_mptcp_default_rulei" + kString,
                        plain([] { return setup_tuni6_mptcp_default_rule(0, text("eth1")); }))
                        .kernel()
@@ -383,7 +409,7 @@ void add_private(std::vector<Row>& rows) {
                        .logs()
                        .slow());
     rows.push_back(
-        Row("_ZN11PrivateLink9setup_tunEi", port5([](PrivateLink& link) { return link.setup_tun(0); }))
+        Row("_ZN11PrivateLink9setup_tunEi", port5.anew([](PrivateLink& link) { return link.setup_tun(0); }))
             .kernel()
             .logs()
             .slow()
@@ -435,7 +461,7 @@ void add_regional(std::vector<Row>& rows) {
     rows.push_back(
         Row("_ZN6RgLink14setup_tun_ipv4Ev", port4([](RgLink& link) { return link.setup_tun_ipv4(); }))
             .kernel());
-    rows.push_back(Row("_ZN6RgLink9setup_tunEi", port6([](RgLink& link) { return link.setup_tun(0); }))
+    rows.push_back(Row("_ZN6RgLink9setup_tunEi", port6.anew([](RgLink& link) { return link.setup_tun(0); }))
                        .kernel()
                        .logs()
                        .slow()
