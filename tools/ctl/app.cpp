@@ -122,6 +122,12 @@ int report(Context& context) {
     return outcome.ok() ? kExitOk : kExitFailed;
 }
 
+void report_usage(const std::string& why) {
+    Outcome outcome;
+    outcome.failure = "wrong usage: " + why;
+    std::cout << to_text(to_json(outcome, "")) << '\n';
+}
+
 Json::Value to_json(const Outcome& outcome, const std::string& verb) {
     Json::Value out(Json::objectValue);
     out["schema"] = kSchemaVersion;

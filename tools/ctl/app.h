@@ -44,6 +44,9 @@ struct Context {
 // Runs the context's action, prints the report and returns the exit status.
 int report(Context& context);
 
+// Prints the JSON report of a command that was not understood.
+void report_usage(const std::string& why);
+
 // The JSON report of an outcome, and of nothing that was logged.
 Json::Value to_json(const Outcome& outcome, const std::string& verb);
 

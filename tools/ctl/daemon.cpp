@@ -25,11 +25,12 @@ std::string since(const Json::Value& object, const char* key, long now) {
 }
 
 std::string link_line(const Json::Value& link, long now) {
-    const Json::Value& arp = member_at(member_at(link, "report"), "ARP");
+    const Json::Value& neighbour = member_at(link, "neighbour");
     std::string line = text_at(link, "ifname") + " " + text_at(link, "status") + " for " +
                        since(link, "since", now) + ", gateway " + text_at(link, "gateway");
-    if (arp.isObject()) line += " (" + text_at(arp, "neigh_status") + " " + text_at(arp, "target_mac") + ")";
-    return line;
+    if (!neighbour.isObject()) return line;
+    const std::string mac = text_at(neighbour, "mac");
+    return line + " (" + text_at(neighbour, "state") + (mac.empty() ? "" : " " + mac) + ")";
 }
 
 std::vector<std::string> failed_lines(const Json::Value& state) {

@@ -2,8 +2,25 @@
 
 #include <cstdlib>
 #include <iostream>
+#include <string>
 
 #include "ctl/app.h"
+
+namespace {
+
+// Wrong usage, on standard error; with -j also as a report. What was parsed cannot be trusted to know of -j.
+int refuse(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
+    bool json = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        json = json || word == "-j" || word == "--json" || word == "-jl" || word == "-lj";
+    }
+    app.exit(error);
+    if (json) corvoctl::report_usage(error.what());
+    return corvoctl::kExitUsage;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{
@@ -39,14 +56,15 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? corvoctl::kExitOk : corvoctl::kExitUsage;
+        if (error.get_exit_code() != 0) return refuse(app, error, argc, argv);
+        app.exit(error);  // help, version
+        return corvoctl::kExitOk;
     }
     try {
         if (!runtime_dir.empty()) ::setenv("VX_RUNTIME_DIR", runtime_dir.c_str(), 1);
         if (!context.log_file.empty()) reopen_setup_logger(context.log_file);
         return corvoctl::report(context);
     } catch (const CLI::ParseError& error) {  // an argument that only its verb could judge
-        app.exit(error);
-        return corvoctl::kExitUsage;
+        return refuse(app, error, argc, argv);
     }
 }

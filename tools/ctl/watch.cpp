@@ -166,7 +166,7 @@ std::vector<std::string> compose(const Json::Value& state, const std::vector<std
     const std::size_t spare = screen.rows > used ? screen.rows - used : 0;
     for (const auto& link : links) {
         const Json::Value& report = member_at(link, "report");
-        const std::string neighbour = text_at(member_at(report, "ARP"), "neigh_status");
+        const std::string neighbour = text_at(member_at(link, "neighbour"), "state");
         const std::string name = text_at(link, "ifname");
         lines.push_back(padded(name, 10) + " " + padded(text_at(link, "status"), 8) + " " +
                         padded(age(link, "since"), 8) + padded(neighbour.empty() ? "-" : neighbour, 12) +

@@ -37,6 +37,20 @@ bool load_links(Query query, const char* what, const std::string& path,
     return true;
 }
 
+// The library's own questions name the documents at their usual place. The service must answer those as it
+// answers for `directory`, or half of the edge would be that of other documents.
+bool check_service(const Desired& desired, std::vector<std::string>& problems) {
+    std::unordered_map<std::string, Json::Value> elements;
+    const std::string usual = std::string(kDocumentPlace) + "/device_info.json";
+    if (desired.device_info_path() == usual) return true;
+    if (get_available_wan_info(elements, usual, 1) == 0 &&
+        std::map<std::string, Json::Value>(elements.begin(), elements.end()) == desired.wans)
+        return true;
+    problems.push_back("the network information service reports other WAN links for " + usual + " than for " +
+                       desired.device_info_path() + ": start the services with the same documents");
+    return false;
+}
+
 // A document that need not exist. False: it is there and cannot be read.
 bool load_optional(const std::string& path, Json::Value& out, std::vector<std::string>& problems) {
     std::error_code ignored;
@@ -167,6 +181,7 @@ std::optional<Desired> load_desired(const std::string& directory, std::vector<st
     good = load_optional(directory + "/lan_qos.json", out.lan_qos, problems) && good;
     good = load_optional(directory + "/site.json", out.site, problems) && good;
     good = load_routes(directory, out.routes, problems) && good;
+    good = good && check_service(out, problems);
     good = check_ids(out, problems) && good;
     good = check_documents(out, problems) && good;
     if (!good) return std::nullopt;

@@ -10,6 +10,9 @@
 
 namespace edged {
 
+// Where the library itself looks for documents.
+inline constexpr const char* kDocumentPlace = "/etc/networkmanagement";
+
 // A route document that is there, and the type its file name says.
 struct RouteDocument {
     std::string type;    // "s2s", "private_mptcp", "regional", ...

@@ -1,9 +1,7 @@
 #include "edged/edge.h"
 
 #include <corvosetup/link.h>
-#include <corvosetup/ping_test.h>
 #include <corvosetup/presetup.h>
-#include <corvosetup/udp.h>
 
 #include <algorithm>
 
@@ -52,8 +50,8 @@ Edge::Edge(Options options)
       ledger_(options_.state_directory + "/applied.json"),
       monitors_(ledger_, *this),
       stand_in_(ledger_, *this),
-      started_(std::time(nullptr)),
-      next_hub_test_(Clock::now() + options_.hub_interval) {
+      hub_tests_(options_.hub_test, options_.hub_interval),
+      started_(std::time(nullptr)) {
     publish();
 }
 
@@ -167,14 +165,25 @@ void Edge::tick() {
     });
     stand_in_.follow(monitors_.all_wans_reported(), !monitors_.wans_up().empty());
     retry();
-    if (options_.hub_test != HubTest::kNone && Clock::now() >= next_hub_test_) {
-        next_hub_test_ = Clock::now() + options_.hub_interval;
-        const int code =
-            options_.hub_test == HubTest::kUdp ? Start_nexthop_udp_test(false) : Start_nexthop_ping_test();
-        change("hub-test", code == 0 ? Change::kAdopted : Change::kFailed, code);
-    }
+    test_hub();
     follow_hub();
     publish();
+}
+
+void Edge::test_hub() {
+    // While the stand-in stands, traffic may still go out by a link that nobody has heard of yet.
+    const LinkTrust trust = stand_in_.stands() ? LinkTrust::kDoubtful : monitors_.trust();
+    int code = 0;
+    switch (hub_tests_.follow(trust, code)) {
+        case HubTests::Event::kNothing:
+            return;
+        case HubTests::Event::kStarted:
+            change("hub-test", code == 0 ? Change::kAdopted : Change::kFailed, code);
+            return;
+        case HubTests::Event::kEnded:
+            event("hub test ended: a link is in doubt");
+            return;
+    }
 }
 
 // The hub manager writes the active hub into the site document.
@@ -191,8 +200,7 @@ void Edge::follow_hub() {
 }
 
 void Edge::take_down() {
-    if (options_.hub_test == HubTest::kUdp) Stop_nexthop_udp_test();
-    if (options_.hub_test == HubTest::kPing) Stop_nexthop_ping_test();
+    hub_tests_.stop();
     // A monitor that stops takes its gateway out of the default route. What stays configured must go on
     // carrying traffic, so the links that are up get a route of their own first.
     if (applied_ && !options_.clear_on_exit) stand_in_.leave(*applied_, monitors_.wans_up());

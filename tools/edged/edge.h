@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "edged/desired.h"
+#include "edged/hub_tests.h"
 #include "edged/ledger.h"
 #include "edged/links.h"
 #include "edged/monitors.h"
@@ -21,10 +22,8 @@
 
 namespace edged {
 
-enum class HubTest { kNone, kUdp, kPing };
-
 struct Options {
-    std::string documents = "/etc/networkmanagement";
+    std::string documents = kDocumentPlace;
     std::string state_directory = "/run/corvo";
     HubTest hub_test = HubTest::kUdp;
     std::chrono::seconds hub_interval{60};
@@ -61,6 +60,7 @@ private:
     void realise();  // brings the kernel to applied_
     void retry();
     void apply_kernel();
+    void test_hub();
     void follow_hub();
     void event(const std::string& text);
     void publish();
@@ -70,10 +70,10 @@ private:
     std::optional<Desired> applied_;
     Monitors monitors_;
     StandIn stand_in_;
+    HubTests hub_tests_;
     std::time_t started_;
     std::string hub_;
     std::filesystem::file_time_type site_time_{};
-    std::chrono::steady_clock::time_point next_hub_test_;
     std::chrono::steady_clock::time_point next_try_{};
     std::chrono::steady_clock::time_point next_look_{};
     std::chrono::seconds retry_pause_{};

@@ -2,10 +2,10 @@
 #include <corvosetup/log.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/eventfd.h>
+#include <sched.h>
 #include <sys/file.h>
-#include <sys/signalfd.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 #include <vx_serve.h>
@@ -20,20 +20,11 @@
 #include <system_error>
 
 #include "edged/edge.h"
+#include "edged/signals.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-// Signals arrive as data: nothing runs in a handler. Blocked before the first thread starts, so every thread
-// inherits the mask.
-int open_signals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, number);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    return ::signalfd(-1, &set, SFD_CLOEXEC);
-}
 
 std::string answer(int error, const Json::Value& data = Json::Value()) {
     Json::Value reply(Json::objectValue);
@@ -42,16 +33,29 @@ std::string answer(int error, const Json::Value& data = Json::Value()) {
     return edged::compact(reply);
 }
 
-void serve(vx::Server& server, const edged::Edge& edge, int reload_fd) {
+void serve(vx::Server& server, const edged::Edge& edge, edged::Signals& signals) {
     server.handle("corvo", "get_state",
                   [&edge](const vx::Call&) { return vx::Reply::text(answer(0, edge.state())); });
     server.handle("corvo", "links",
                   [&edge](const vx::Call&) { return vx::Reply::text(answer(0, edge.links())); });
-    server.handle("corvo", "reload", [reload_fd](const vx::Call&) {
-        const std::uint64_t one = 1;
-        const bool asked = ::write(reload_fd, &one, sizeof one) == sizeof one;
-        return vx::Reply::text(answer(asked ? 0 : -3001));
+    server.handle("corvo", "reload", [&signals](const vx::Call&) {
+        signals.reload();
+        return vx::Reply::text(answer(0));
     });
+}
+
+// The library reads documents where a device has them, whoever calls it. Documents of another place are laid
+// over that one, for this process and its children alone. Before the first thread starts.
+void lay_over(const std::string& directory) {
+    namespace fs = std::filesystem;
+    std::error_code missing;
+    if (fs::equivalent(directory, edged::kDocumentPlace, missing)) return;
+    fs::create_directories(edged::kDocumentPlace);
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0 ||
+        ::mount(directory.c_str(), edged::kDocumentPlace, nullptr, MS_BIND, nullptr) != 0)
+        throw std::system_error(errno, std::generic_category(),
+                                "cannot lay " + directory + " over " + edged::kDocumentPlace +
+                                    " (start it as root, or put the documents there)");
 }
 
 // Two daemons would undo each other's work. The lock goes with the process, however it ends.
@@ -69,26 +73,17 @@ void notify(const std::string& state, const edged::Edge& edge) {
 }
 
 // Returns when the daemon was asked to end.
-void run(edged::Edge& edge, int signals, int reload) {
+void run(edged::Edge& edge, edged::Signals& signals) {
     std::uint64_t watchdog_us = 0;
     const bool watchdog = sd_watchdog_enabled(0, &watchdog_us) > 0;
-    pollfd wait[2] = {{signals, POLLIN, 0}, {reload, POLLIN, 0}};
+    pollfd wait{signals.fd(), POLLIN, 0};
     std::string said;
     for (;;) {
         if (watchdog) sd_notify(0, "WATCHDOG=1");
-        const int ready = ::poll(wait, 2, 500);
-        if (ready < 0 && errno != EINTR) return;
-        bool apply = false;
-        if (ready > 0 && wait[0].revents != 0) {
-            signalfd_siginfo info{};
-            if (::read(signals, &info, sizeof info) == sizeof info && info.ssi_signo != SIGHUP) return;
-            apply = true;
-        }
-        if (ready > 0 && wait[1].revents != 0) {
-            std::uint64_t count = 0;
-            apply = ::read(reload, &count, sizeof count) == sizeof count || apply;
-        }
-        if (apply) {
+        ::poll(&wait, 1, 500);
+        const edged::Signals::Asked asked = signals.take();
+        if (asked.stop) return;
+        if (asked.reload) {
             sd_notify(0, "RELOADING=1");
             edge.apply();
             notify("READY=1\n", edge);
@@ -106,6 +101,7 @@ int main(int argc, char** argv) {
     std::string runtime_dir;
     std::string log_file;
     unsigned hub_interval = 60;
+    unsigned stop_limit = 140;
     CLI::App app{
         "Brings an SD-WAN edge up from its documents and watches its links.\n"
         "SIGHUP reads the documents again and changes what changed; SIGTERM ends the monitors and leaves the "
@@ -113,7 +109,11 @@ int main(int argc, char** argv) {
         "plane as it is configured."};
     app.name("corvo-edged");
     app.set_version_flag("--version", "corvo-edged " CORVO_VERSION, "Print the version and end");
-    app.add_option("--documents", options.documents, "Directory of the documents")->capture_default_str();
+    app.add_option("--documents", options.documents,
+                   "Directory of the documents; another one than the default is laid over that, for the "
+                   "daemon alone, which takes CAP_SYS_ADMIN, and the services must serve the same one")
+        ->check(CLI::ExistingDirectory)
+        ->capture_default_str();
     app.add_option("--state-dir", options.state_directory, "Where the daemon keeps what it has applied")
         ->capture_default_str();
     app.add_option("--runtime-dir", runtime_dir, "Where the services' sockets are (default /run/vx)");
@@ -123,7 +123,15 @@ int main(int argc, char** argv) {
             CLI::CheckedTransformer(std::map<std::string, edged::HubTest>{{"none", edged::HubTest::kNone},
                                                                           {"udp", edged::HubTest::kUdp},
                                                                           {"ping", edged::HubTest::kPing}}));
-    app.add_option("--hub-interval", hub_interval, "Seconds between hub tests")->capture_default_str();
+    app.add_option("--hub-interval", hub_interval,
+                   "Seconds from one hub test to the next, which begins later while one runs or a link is in "
+                   "doubt")
+        ->check(CLI::Range(1U, 86400U))
+        ->capture_default_str();
+    app.add_option("--stop-limit", stop_limit,
+                   "Seconds after which a daemon that was told to end gives up what it is in, with status 1")
+        ->check(CLI::Range(1U, 86400U))
+        ->capture_default_str();
     app.add_flag("--clear-on-exit", options.clear_on_exit, "Remove the data plane when ending");
     try {
         app.parse(argc, argv);
@@ -132,26 +140,23 @@ int main(int argc, char** argv) {
     }
     options.hub_interval = std::chrono::seconds(hub_interval);
 
-    const int signals = open_signals();
-    const int reload = ::eventfd(0, EFD_CLOEXEC);
-    if (signals < 0 || reload < 0) {
-        std::perror("corvo-edged");
-        return 1;
-    }
     if (!runtime_dir.empty()) ::setenv("VX_RUNTIME_DIR", runtime_dir.c_str(), 1);
+    ::umask(022);  // whoever starts the daemon: others may read what it keeps, and no more
     try {
+        lay_over(options.documents);
+        edged::Signals signals{std::chrono::seconds(stop_limit)};
         std::filesystem::create_directories(options.state_directory);
         const int lock = lock_state(options.state_directory);
         if (log_file.empty())
             std::filesystem::create_directories(std::filesystem::path(log_target).parent_path());
         reopen_setup_logger(log_file.empty() ? log_target : log_file);
         edged::Edge edge(options);
-        const vx::ServerThread service([&](vx::Server& server) { serve(server, edge, reload); });
+        const vx::ServerThread service([&](vx::Server& server) { serve(server, edge, signals); });
         edge.apply();
         // Ready to answer and to follow the documents, also when they cannot be applied yet: the status says
         // so.
         notify("READY=1\n", edge);
-        run(edge, signals, reload);
+        run(edge, signals);
         sd_notify(0, "STOPPING=1");
         edge.take_down();
         ::close(lock);

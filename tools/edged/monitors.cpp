@@ -1,6 +1,7 @@
 #include "edged/monitors.h"
 
 #include <corvosetup/utils.h>
+#include <linux/neighbour.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -26,6 +27,23 @@ Json::Value made_from(const std::string& name, const Json::Value& element, bool 
     return out;
 }
 
+// By the same parts of its name as the library.
+bool is_point_to_point(const std::string& name) {
+    for (const char* part : {"ppp-", "ds-", "me-"})
+        if (name.find(part) != std::string::npos) return true;
+    return false;
+}
+
+// Null also when the device has gone meanwhile: the monitor will say so.
+std::unique_ptr<ProcNeigh> watch_neighbour(const std::string& name, const std::string& gateway) {
+    if (is_point_to_point(name)) return nullptr;
+    try {
+        return std::make_unique<ProcNeigh>(name, gateway, 0, false, 0);
+    } catch (int) {
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 const char* word(LinkStatus status) {
@@ -38,6 +56,16 @@ const char* word(LinkStatus status) {
             return "down";
     }
     return "";
+}
+
+// The library's names are not to be read while monitors run: copied before.
+Monitors::Monitors(Ledger& ledger, Report& report)
+    : ledger_(ledger), report_(report), state_names_(neigh_state_str) {}
+
+void Monitors::look(Monitor& monitor) {
+    if (!monitor.neighbour) return;
+    if (monitor.neighbour->prepare() == 0) monitor.neighbour->scan_neigh();
+    monitor.neighbour_state = monitor.neighbour->get_neigh_state();
 }
 
 void Monitors::stop_one(const std::string& name, Monitor& monitor) {
@@ -91,12 +119,14 @@ void Monitors::start_one(const std::string& name, const Json::Value& element, bo
     monitor.wan = wan;
     monitor.bandwidth = monitor.wanted_bandwidth = bandwidth;
     monitor.since = std::time(nullptr);
+    monitor.neighbour = watch_neighbour(name, gateway);
     monitor.object->start();
     report_.change(key, Change::kCreated, 0);
 }
 
 void Monitors::follow(const std::function<void(const std::string&, LinkStatus)>& changed) {
     for (auto& [name, monitor] : monitors_) {
+        look(monitor);
         const Json::Value all = monitor.object->get_state();
         monitor.report = all.isObject() ? all.get(name, Json::Value()) : Json::Value();
         if (!monitor.report.isObject()) continue;
@@ -138,6 +168,23 @@ std::vector<std::string> Monitors::wans_up() const {
     return out;
 }
 
+LinkTrust Monitors::trust() const {
+    bool monitored = false;
+    bool asking = false;
+    bool in_use = false;
+    for (const auto& [name, monitor] : monitors_) {
+        monitored = monitored || monitor.wan;
+        if (!monitor.wan || monitor.status != LinkStatus::kUp) continue;
+        in_use = true;
+        if (!monitor.neighbour) continue;  // its probe's word has to do
+        constexpr int kResolved = NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_NOARP | NUD_PERMANENT;
+        if ((monitor.neighbour_state & kResolved) == 0) return LinkTrust::kDoubtful;
+        asking = asking || monitor.neighbour_state == NUD_DELAY;
+    }
+    if (monitored && !in_use) return LinkTrust::kDoubtful;
+    return asking ? LinkTrust::kAsking : LinkTrust::kSure;
+}
+
 bool Monitors::device_changed() const {
     const auto exists = [](const std::string& name) { return get_ifindex(name.c_str()) > 0; };
     if (std::any_of(awaited_.begin(), awaited_.end(), exists)) return true;
@@ -158,6 +205,11 @@ Json::Value Monitors::status() const {
         link["bandwidth"] = Json::UInt64(monitor.bandwidth);
         link["status"] = word(monitor.status);
         link["since"] = Json::Int64(monitor.since);
+        if (monitor.neighbour) {
+            const auto text = state_names_.find(monitor.neighbour_state);
+            link["neighbour"]["state"] = text != state_names_.end() ? text->second : "";
+            link["neighbour"]["mac"] = monitor.neighbour->get_target_mac();
+        }
         link["report"] = monitor.report;
         out.append(link);
     }

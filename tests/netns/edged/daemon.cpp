@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <vx.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -21,18 +22,22 @@
 namespace corvo::test {
 
 Daemon::Daemon(const Options& options) : errors_(scratch_dir() + "/edged.err") {
-    std::vector<std::string> words{EDGED, "--hub-test", "none", "--state-dir", state_dir()};
+    std::vector<std::string> words{EDGED, "--state-dir", state_dir()};
+    const auto& given = options.arguments;
+    if (std::find(given.begin(), given.end(), "--hub-test") == given.end())
+        words.insert(words.end(), {"--hub-test", "none"});
     words.insert(words.end(), options.arguments.begin(), options.arguments.end());
     std::vector<char*> argv;
     for (auto& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
+    write_file(errors_, "");
     const pid_t parent = ::getpid();
     pid_ = ::fork();
     if (pid_ < 0) throw std::runtime_error("no process");
     if (pid_ > 0) return;
     try {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const int err = ::open(errors_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int err = ::open(errors_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         ::dup2(err, STDERR_FILENO);
         for (const auto& entry : options.environment) {
             const auto cut = entry.find('=');

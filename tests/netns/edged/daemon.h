@@ -16,7 +16,7 @@ namespace corvo::test {
 class Daemon {
 public:
     struct Options {
-        std::vector<std::string> arguments{};         // after --hub-test none --state-dir DIR
+        std::vector<std::string> arguments{};         // besides --state-dir; no hub tests unless given
         std::vector<std::string> environment{};       // "NAME=VALUE", besides this process's own
         std::function<void()> before_exec = nullptr;  // in the child
     };

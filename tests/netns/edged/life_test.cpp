@@ -277,6 +277,44 @@ TEST_F(Edged, WritesWrongUsageToStandardErrorAndExitsWithTwo) {
     EXPECT_THAT(daemon.errors(), HasSubstr("--no-such-option"));
 }
 
+TEST_F(Edged, TakesDocumentsOfAnotherDirectoryAsIfTheyWereInTheUsualPlace) {
+    const std::string other = scratch_dir() + "/other";
+    std::filesystem::create_directories(other);
+    const std::string usual = read_file(kDocumentDir + std::string("device_info.json"));
+    services.reset();
+    services = std::make_unique<Services>(Services::Options{.documents = other});
+    wan("eth2")["TX_RATE"] = "30000000";
+    publish();
+    Daemon daemon({.arguments = {"--documents", other}});
+    ASSERT_TRUE(wait_for_links("up", "up")) << compact_json(daemon_state()) << daemon.errors();
+    EXPECT_THAT(default_routes(), ElementsAre("100 eth1*5 eth2*3"));
+    // What the library reads at the usual place, in the daemon's process, is the other directory; nobody else
+    // sees that.
+    const std::string seen =
+        "/proc/" + std::to_string(daemon.pid()) + "/root" + kDocumentDir + "device_info.json";
+    EXPECT_EQ(read_file(seen), read_file(other + "/device_info.json"));
+    EXPECT_EQ(read_file(kDocumentDir + std::string("device_info.json")), usual);
+    // New documents, put in place the way that careful writers do.
+    wan("eth2")["TX_RATE"] = "40000000";
+    publish();
+    ASSERT_EQ(corvoctl({"reload"}).status, 0);
+    EXPECT_TRUE(
+        wait_until([] { return default_routes() == std::vector<std::string>{"100 eth1*5 eth2*4"}; }, 20s));
+}
+
+TEST_F(Edged, RefusesDocumentsThatTheServicesDoNotServe) {
+    const std::string other = scratch_dir() + "/other";
+    std::filesystem::create_directories(other);
+    Json::Value there = device_info;
+    there["WAN_IFACE_INFO"]["eth2"]["TX_RATE"] = "30000000";
+    write_file(other + "/device_info.json", compact_json(there));
+    Daemon daemon({.arguments = {"--documents", other}});
+    ASSERT_TRUE(wait_until([&] { return !problems().empty(); }, 20s)) << daemon.errors();
+    EXPECT_THAT(problems(), Contains(HasSubstr("start the services with the same documents")));
+    EXPECT_THAT(default_routes(), IsEmpty());
+    EXPECT_EQ(Daemon({.arguments = {"--documents", other + "/none"}}).wait(), 2);
+}
+
 TEST_F(Edged, RefusesToRunBesideAnother) {
     Daemon first;
     ASSERT_TRUE(wait_until([] { return daemon_state().isObject(); }, 20s));

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 
 #include "foundation/json.h"
 #include "netns/edged/edge.h"
+#include "support/recorder.h"
 
 using namespace corvo::test;
 using namespace std::chrono_literals;
@@ -140,6 +142,37 @@ TEST_F(EdgedProcess, NeedsNoMoreThanTheNetworkCapabilities) {
     EXPECT_EQ(daemon.terminate(), 0);
 }
 
+TEST_F(EdgedProcess, SaysWhatItNeedsForDocumentsOfAnotherPlace) {
+    Daemon daemon({.arguments = {"--documents", scratch_dir()}, .before_exec = keep_network_capabilities});
+    EXPECT_EQ(daemon.wait(), 1);
+    EXPECT_THAT(daemon.errors(), AllOf(HasSubstr("cannot lay"), HasSubstr("start it as root")));
+}
+
+unsigned mode_of(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 07777U : 0;
+}
+
+TEST_F(EdgedProcess, KeepsItsFilesFromOthersWhateverTheUmask) {
+    const std::string log = scratch_dir() + "/edged.log";
+    Daemon daemon({.arguments = {"--log-file", log}, .before_exec = [] { ::umask(0); }});
+    ASSERT_TRUE(wait_for_links("up", "up"));
+    EXPECT_EQ(mode_of(services->runtime_dir() + "/corvo.sock"), 0660U);
+    EXPECT_EQ(mode_of(Daemon::state_dir()), 0755U);
+    for (const std::string& file :
+         {Daemon::state_dir() + "/applied.json", Daemon::state_dir() + "/lock", log})
+        EXPECT_EQ(mode_of(file), 0644U) << file;
+}
+
+TEST_F(EdgedProcess, EndsWithinItsTimeThoughAToolHangsInTheBringUp) {
+    Recorder modprobe("/sbin/modprobe");
+    modprobe.always().hangs();
+    Daemon daemon({.arguments = {"--stop-limit", "1"}});
+    ASSERT_TRUE(modprobe.wait_for_calls(1, 40s));
+    EXPECT_EQ(daemon.terminate(), 1);
+    EXPECT_THAT(daemon.errors(), HasSubstr("did not end within 1 s"));
+}
+
 TEST_F(EdgedProcess, IsMissedByCorvoctlWithCauseAndAdvice) {
     for (const char* verb : {"status", "links", "reload", "watch"}) {
         const ToolResult result = corvoctl({verb});
@@ -193,6 +226,20 @@ TEST_F(EdgedProcess, HasACorvoctlThatKnowsItsThreeExitStatuses) {
     EXPECT_EQ(corvoctl({"--help"}).status, 0);
     EXPECT_EQ(corvoctl({}).status, 2);
     EXPECT_EQ(corvoctl({"no-such-verb"}).status, 2);
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {"-j", "no-such-verb"},
+             {"--json"},
+             {"gateways", "set", "eth1", "-j"},
+             {"-lj", "udp", "ask", "0", "1.2.3.4"},
+             {"-j", "netlink", "route", "add", std::string(20, '1'), "--table", "7"}}) {
+        const ToolResult wrong = corvoctl(words);
+        EXPECT_EQ(wrong.status, 2);
+        const Json::Value report = parsed(wrong.out);
+        EXPECT_EQ(report["schema"], 1);
+        EXPECT_EQ(report["ok"], false);
+        EXPECT_THAT(report["failure"].asString(), HasSubstr("wrong usage: ")) << wrong.out;
+    }
+    EXPECT_EQ(corvoctl({"no-such-verb"}).out, "");
     EXPECT_EQ(corvoctl({"explain", "-3011"}).status, 0);
     EXPECT_EQ(corvoctl({"explain", "123456"}).status, 1);
     EXPECT_EQ(corvoctl({"gateways", "set", "eth1"}).status, 2);
