@@ -5,6 +5,7 @@
 #include <corvosetup/tc.h>
 #include <corvosetup/utils.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -91,6 +92,41 @@ int run_lan(int op, const Json::Value& applied, const std::string& work_director
     return setup_lan_qos(op, all, conf, device_info);
 }
 
+std::set<std::string> lan_ports(const Json::Value& lan) {
+    std::set<std::string> out;
+    const Json::Value ports = member(lan["device_info"], "LAN_PORT");
+    for (const auto& port : ports) out.insert(text_of(port, "INTERFACE"));
+    out.erase("");
+    return out;
+}
+
+bool any_rate(const Json::Value& lan, const char* key) {
+    const Json::Value groups = member(lan["qos"], "GROUPS");
+    if (!groups.isArray()) return false;
+    return std::any_of(groups.begin(), groups.end(),
+                       [key](const Json::Value& group) { return number_of(group, key) != 0; });
+}
+
+// The library's result does not tell of a port that failed; what the kernel holds afterwards does.
+int judge_lan(const Json::Value& lan) {
+    int code = any_rate(lan, "UPLINK_RATE") && !has_tree("ifb0") ? -3001 : 0;
+    const bool down = any_rate(lan, "DOWNLINK_RATE");
+    for (const auto& port : lan_ports(lan)) {
+        if (get_ifindex(port.c_str()) < 1)
+            code = -3005;
+        else if (down && !has_tree(port) && code == 0)
+            code = -3001;
+    }
+    return code;
+}
+
+// Another device of a port's name has none of the old one's trees.
+int lan_devices(const Json::Value& lan) {
+    int out = 0;
+    for (const auto& port : lan_ports(lan)) out = out * 31 + get_ifindex(port.c_str());
+    return out;
+}
+
 void remove_lan(const std::string& work_directory, Ledger& ledger) {
     const Json::Value recorded = ledger.record(kLanKey);
     ledger.begin(kLanKey, recorded["begun"]);
@@ -112,14 +148,15 @@ void apply_lan(const Desired& desired, const std::string& work_directory, Ledger
         report.change(kLanKey, Change::kRemoved, 0);
         return;
     }
-    if (ledger.fits(kLanKey, lan)) {
+    if (ledger.fits(kLanKey, lan, lan_devices(lan))) {
         report.change(kLanKey, Change::kAdopted, 0);
         return;
     }
     if (recorded.isObject()) remove_lan(work_directory, ledger);
     ledger.begin(kLanKey, lan);
-    const int code = run_lan(2, lan, work_directory);
-    if (code == 0) ledger.put(kLanKey, lan);
+    int code = run_lan(2, lan, work_directory);
+    if (code == 0) code = judge_lan(lan);
+    if (code == 0) ledger.put(kLanKey, lan, lan_devices(lan));
     report.change(kLanKey,
                   code != 0             ? Change::kFailed
                   : recorded.isObject() ? Change::kReplaced
