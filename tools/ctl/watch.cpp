@@ -83,8 +83,34 @@ void add_classes(std::vector<std::string>& lines, const Json::Value& link, std::
     std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) {
         return a.first.size() != b.first.size() ? a.first.size() < b.first.size() : a.first < b.first;
     });
-    for (std::size_t i = 0; i < sorted.size() && i < room; ++i)
+    // What has no room is at least counted.
+    const std::size_t shown = sorted.size() <= room ? sorted.size() : room > 0 ? room - 1 : 0;
+    for (std::size_t i = 0; i < shown; ++i)
         lines.push_back("    " + padded(sorted[i].first, 7) + usage(*sorted[i].second, 20));
+    if (shown < sorted.size() && room > 0)
+        lines.push_back("    and " + std::to_string(sorted.size() - shown) + " more classes");
+}
+
+// Alarms, and how many more there are: they must not push the links out of the view.
+void add_alarms(std::vector<std::string>& lines, const std::vector<std::string>& alarms, std::size_t room) {
+    const std::size_t shown = alarms.size() <= room ? alarms.size() : room - 1;
+    for (std::size_t i = 0; i < shown; ++i) lines.push_back("! " + alarms[i]);
+    if (shown < alarms.size())
+        lines.push_back("! and " + std::to_string(alarms.size() - shown) + " more (corvoctl status)");
+}
+
+std::vector<std::string> problems_of(const Json::Value& last) {
+    std::vector<std::string> out;
+    for (const auto& problem : member_at(last, "problems")) out.push_back("  " + problem.asString());
+    return out;
+}
+
+std::vector<std::string> failed_steps_of(const Json::Value& failed) {
+    std::vector<std::string> out;
+    if (!failed.isObject()) return out;
+    for (const auto& key : failed.getMemberNames())
+        out.push_back(key + " failed: " + text_at(failed, key.c_str()));
+    return out;
 }
 
 std::vector<std::string> kernel_routes() {
@@ -102,6 +128,13 @@ void show(const std::vector<std::string>& lines) {
         mvaddnstr(static_cast<int>(i), 0, lines[i].c_str(), COLS);
         if (alarm) attroff(A_BOLD);
         if (i == 0) attroff(A_REVERSE);
+    }
+    const char help[] = " q: end ";
+    const int column = COLS - static_cast<int>(sizeof help) + 1;
+    if (column > 60) {
+        attron(A_REVERSE);
+        mvaddstr(0, column, help);
+        attroff(A_REVERSE);
     }
     refresh();
 }
@@ -145,25 +178,25 @@ std::vector<std::string> compose(const Json::Value& state, const std::vector<std
     const std::time_t seconds = now;
     std::tm parts{};
     if (localtime_r(&seconds, &parts) != nullptr) std::strftime(clock, sizeof clock, "%H:%M:%S", &parts);
-    lines.push_back(padded("corvo edge " + text_at(state, "device_id") + "  hub " + text_at(state, "hub") +
-                               "  up " + age(state, "started") + "  " + clock,
+    const std::string hub = text_at(state, "hub");
+    lines.push_back(padded("corvo edge " + text_at(state, "device_id") + "  hub " +
+                               (hub.empty() ? "-" : hub) + "  up " + age(state, "started") + "  " + clock,
                            screen.columns));
+    const std::size_t alarm_room = std::max<std::size_t>(3, screen.rows / 6);
     const Json::Value& last = member_at(state, "last_apply");
     if (text_at(last, "good") != "true") {
         lines.push_back("! documents refused " + age(last, "time") + " ago:");
-        for (const auto& problem : member_at(last, "problems")) lines.push_back("!   " + problem.asString());
+        add_alarms(lines, problems_of(last), alarm_room);
     }
-    const Json::Value& failed = member_at(state, "failed_steps");
-    if (failed.isObject())
-        for (const auto& key : failed.getMemberNames())
-            lines.push_back("! " + key + " failed: " + failed[key].asString());
+    add_alarms(lines, failed_steps_of(member_at(state, "failed_steps")), alarm_room);
 
     lines.push_back(padded("LINK", 11) + padded("STATE", 9) + padded("SINCE", 8) + padded("NEIGHBOUR", 12) +
                     padded("WEIGHT", 7) + "EGRESS");
     const Json::Value& links = member_at(state, "links");
-    const std::size_t events_room = 6;
-    const std::size_t used = lines.size() + links.size() + events_room + 1;
-    const std::size_t spare = screen.rows > used ? screen.rows - used : 0;
+    const std::size_t events_room = 6;  // with their heading
+    const std::size_t used = lines.size() + links.size() + events_room;
+    std::size_t spare = screen.rows > used ? screen.rows - used : 0;
+    std::size_t left = links.size();
     for (const auto& link : links) {
         const Json::Value& report = member_at(link, "report");
         const std::string neighbour = text_at(member_at(link, "neighbour"), "state");
@@ -171,7 +204,9 @@ std::vector<std::string> compose(const Json::Value& state, const std::vector<std
         lines.push_back(padded(name, 10) + " " + padded(text_at(link, "status"), 8) + " " +
                         padded(age(link, "since"), 8) + padded(neighbour.empty() ? "-" : neighbour, 12) +
                         padded(weight_of(routes, name), 7) + usage(member_at(report, "QDM"), 16));
-        add_classes(lines, link, links.empty() ? 0 : spare / links.size());
+        const std::size_t before = lines.size();
+        add_classes(lines, link, spare / left--);
+        spare -= lines.size() - before;
     }
     lines.emplace_back("EVENTS");
     const Json::Value& events = member_at(state, "events");

@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <poll.h>
+#include <pty.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -324,6 +327,77 @@ TEST_F(EdgedProcess, IsWatchedInPlainLinesWithoutATerminal) {
         EXPECT_EQ(report["data"]["links"].size(), 2U);
     }
     EXPECT_EQ(count, 2);
+}
+
+// The far side of a terminal of 80 by 24 characters that a program runs in.
+class Terminal {
+public:
+    explicit Terminal(const std::vector<const char*>& words) {
+        const winsize size{24, 80, 0, 0};
+        int fd = -1;
+        pid_ = ::forkpty(&fd, nullptr, nullptr, &size);
+        if (pid_ == 0) {
+            ::setenv("TERM", "xterm", 1);
+            std::vector<char*> argv;
+            for (const char* word : words) argv.push_back(const_cast<char*>(word));
+            argv.push_back(nullptr);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        fd_.reset(fd);
+    }
+    ~Terminal() {
+        if (pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+    }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    bool shows(const std::string& text) {
+        return wait_until(
+            [&] {
+                pollfd end{fd_.get(), POLLIN, 0};
+                char piece[4096];
+                while (::poll(&end, 1, 0) == 1 && (end.revents & POLLIN) != 0) {
+                    const ssize_t got = ::read(fd_.get(), piece, sizeof piece);
+                    if (got <= 0) break;
+                    seen_.append(piece, static_cast<std::size_t>(got));
+                }
+                return seen_.find(text) != std::string::npos;
+            },
+            20s);
+    }
+    void type(const std::string& text) {
+        EXPECT_EQ(::write(fd_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+    int wait() {
+        int status = -1;
+        EXPECT_TRUE(wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, 20s));
+        pid_ = -1;
+        return status;
+    }
+    const std::string& seen() const { return seen_; }
+
+private:
+    pid_t pid_ = -1;
+    corvo::UniqueFd fd_;
+    std::string seen_;
+};
+
+TEST_F(EdgedProcess, IsWatchedOnATerminalUntilAKeyEndsIt) {
+    Daemon daemon;
+    ASSERT_TRUE(wait_for_links("up", "up"));
+    Terminal terminal({CORVOCTL, "watch", "--interval", "1"});
+    for (const char* text : {"\033[?1049h", "corvo edge 11", "q: end", "eth1 ", "eth2 ", "EVENTS"})
+        EXPECT_TRUE(terminal.shows(text)) << text;
+    // What the daemon tells later is shown too.
+    gateway(1, false);
+    EXPECT_TRUE(terminal.shows("NONE") || terminal.shows("FAILED")) << terminal.seen();
+    terminal.type("q");
+    EXPECT_TRUE(terminal.shows("\033[?1049l"));  // the screen is as it was
+    EXPECT_EQ(terminal.wait(), 0);
 }
 
 }  // namespace

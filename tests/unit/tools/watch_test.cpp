@@ -63,6 +63,31 @@ TEST(Watch, OrdersClassesByNumber) {
     EXPECT_LT(at("    1:20"), at("    1:100"));
 }
 
+TEST(Watch, UsesEveryLineOfTheScreenForClassesAndCountsTheRest) {
+    Json::Value busy = state();
+    for (Json::Value& link : busy["links"]) {
+        link["report"]["QDM"]["COS"] = Json::Value(Json::arrayValue);
+        for (int i = 0; i < 15; ++i)
+            link["report"]["QDM"]["COS"][i]["1:" + std::to_string(10 * (i + 1))]["RATE"] = 1;
+    }
+    for (int i = 0; i < 5; ++i) busy["events"].append(busy["events"][0]);
+    const auto lines = compose(busy, kRoutes, 1100, {80, 24});
+    EXPECT_EQ(lines.size(), 24U);
+    EXPECT_THAT(lines, Contains("    and 9 more classes"));
+    EXPECT_THAT(lines, Contains(StartsWith("ppp-eth2   up")));
+}
+
+TEST(Watch, KeepsLinksAndEventsInViewWhenManyStepsFailed) {
+    Json::Value failed = state();
+    for (int i = 0; i < 30; ++i) failed["failed_steps"]["tun:eth" + std::to_string(i)] = -3011;
+    for (int i = 0; i < 30; ++i) failed["last_apply"]["problems"].append("p");
+    failed["last_apply"]["good"] = false;
+    const auto lines = compose(failed, kRoutes, 1100, {80, 24});
+    EXPECT_THAT(lines, Contains("! and 27 more (corvoctl status)"));
+    EXPECT_THAT(lines, Contains(StartsWith("ppp-eth2   up")));
+    EXPECT_THAT(lines, Contains(HasSubstr("link eth1 down")));
+}
+
 TEST(Watch, ShowsTheNewestEventFirst) {
     const auto lines = compose(state(), kRoutes, 1100, {80, 24});
     const auto events = std::find(lines.begin(), lines.end(), "EVENTS");
