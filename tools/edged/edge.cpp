@@ -144,7 +144,7 @@ void Edge::retry() {
     const bool failed = std::any_of(failed_steps_.begin(), failed_steps_.end(),
                                     [](const auto& step) { return is_retried(step.first); });
     const bool due = failed && now >= next_try_;
-    if (!due && !monitors_.device_changed()) return;
+    if (!due && !monitors_.device_changed() && !shaping_device_changed(*applied_, ledger_)) return;
     realise();
     if (!due) return;
     retry_pause_ = std::min<std::chrono::seconds>(retry_pause_ * 2, kLongestRetry);

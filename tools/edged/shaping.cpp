@@ -164,10 +164,8 @@ void apply_lan(const Desired& desired, const std::string& work_directory, Ledger
                   code);
 }
 
-}  // namespace
-
-void apply_shaping(const Desired& desired, const std::string& work_directory, Ledger& ledger,
-                   Report& report) {
+// Interface: its element, of all that are to be shaped.
+std::map<std::string, Json::Value> wanted_trees(const Desired& desired) {
     std::map<std::string, Json::Value> wanted;
     for (const char* section : {"WAN_IFACE_INFO", "PRIVATE_IFACE_INFO", "RGLINK_IFACE_INFO"}) {
         const Json::Value interfaces = member(desired.device_info, section);
@@ -175,6 +173,29 @@ void apply_shaping(const Desired& desired, const std::string& work_directory, Le
         for (const auto& dev : interfaces.getMemberNames())
             if (number_of(interfaces[dev], "ID") != 0) wanted[dev] = interfaces[dev];
     }
+    return wanted;
+}
+
+// Of a step that is done: whether it was done to another device than the one that is there now.
+bool is_other(const Json::Value& record, int ifindex) {
+    return ifindex > 0 && record.isObject() && !record.isMember("begun") && record["ifindex"] != ifindex;
+}
+
+}  // namespace
+
+bool shaping_device_changed(const Desired& desired, const Ledger& ledger) {
+    for (const auto& [dev, interface] : wanted_trees(desired)) {
+        const int index = get_ifindex(dev.c_str());
+        const Json::Value& record = ledger.record("qos:" + dev);
+        if ((index > 0 && record.isNull()) || is_other(record, index)) return true;
+    }
+    const Json::Value& lan = ledger.record(kLanKey);
+    return lan.isObject() && is_other(lan, lan_devices(lan["applied"]));
+}
+
+void apply_shaping(const Desired& desired, const std::string& work_directory, Ledger& ledger,
+                   Report& report) {
+    const auto wanted = wanted_trees(desired);
     for (const auto& key : ledger.keys("qos:"))
         if (!wanted.count(key.substr(4))) remove_tree(key, ledger, report);
     for (const auto& [dev, interface] : wanted)

@@ -155,7 +155,7 @@ TEST_F(EdgedLinks, ChangesOnlyWhatNewDocumentsChange) {
     EXPECT_EQ(failed(), "{}");
 }
 
-TEST_F(EdgedLinks, TellsOfALanPortThatIsMissing) {
+TEST_F(EdgedLinks, TellsOfALanPortThatIsMissingAndShapesADeviceThatCameBackAsAnother) {
     device_info["LAN_PORT"]["LAN2"]["INTERFACE"] = "eth6";
     publish();
     Daemon daemon;
@@ -166,6 +166,13 @@ TEST_F(EdgedLinks, TellsOfALanPortThatIsMissing) {
     ASSERT_TRUE(reload());
     EXPECT_EQ(failed(), "{}");
     EXPECT_THAT(classes("eth6"), HasSubstr("40Mbit"));
+
+    // Without being told.
+    for (const char* dev : {"swdev4", "eth6"}) must_run(std::string("ip link del ") + dev);
+    add_veth("swdev4", gw1, "region2", {.address = "10.210.0.11/24"});
+    add_veth("eth6", gw2, "host62");
+    EXPECT_TRUE(wait_until([] { return classes("swdev4").find("ceil 100Mbit") != std::string::npos; }, 60s));
+    EXPECT_TRUE(wait_until([] { return classes("eth6").find("40Mbit") != std::string::npos; }, 60s));
 }
 
 }  // namespace
