@@ -35,14 +35,18 @@ std::string text_of(int fd) {
     }
 }
 
-int ask_service(const std::string& path, Json::Value& document) {
+int ask_service(const std::string& path, Json::Value& document,
+                const std::function<bool(std::string_view reply)>& take) {
     const std::string detail = " path=" + path;
     ServiceCall call(kReadJson, detail);
     if (!call.has_buffer()) return kNoCallBuffer;
     log::debug("Load config from VESTA: ", path);
     vx_io_printf(call.io(), "{\"path\": \"%s\"}", json_escape(path).c_str());
+    std::string_view text;
+    if (const int rc = call.exchange_text(text); rc != kOk) return rc;
+    if (take && take(text)) return kOk;
     Json::Value reply;
-    if (const int rc = call.exchange(reply); rc != kOk) return rc;
+    if (const int rc = call.parse(text, reply); rc != kOk) return rc;
     if (const int error = ServiceCall::error_of(reply); error != 0) {
         call.report_error(error);
         return kBadReply;
@@ -80,8 +84,9 @@ int parse(const std::string& text, Json::Value& document) {
 
 }  // namespace
 
-int document_from_service(const std::string& path, Json::Value& document) {
-    return guarded([&] { return ask_service(path, document); });
+int document_from_service(const std::string& path, Json::Value& document,
+                          const std::function<bool(std::string_view reply)>& take) {
+    return guarded([&] { return ask_service(path, document, take); });
 }
 
 int text_of_document(const std::string& path, std::string& text) {

@@ -46,16 +46,24 @@ ServiceCall::~ServiceCall() {
 }
 
 int ServiceCall::exchange(Json::Value& reply) {
+    std::string_view text;
+    const int answered = exchange_text(text);
+    return answered == kOk ? parse(text, reply) : answered;
+}
+
+int ServiceCall::exchange_text(std::string_view& text) {
     if (vx_call(method_.service, method_.method, io_, method_.limit, -1) != 0) {
         if (method_.logged)
             log::error("vx_call ", method_.service, ".", method_.method, detail_, " failed.\n");
         return kCallFailed;
     }
-    const std::string_view text = reply_text(io_);
-    if (text.empty()) {
-        if (method_.logged) log::error("vx_io_read() failed.\n");
-        return kEmptyReply;
-    }
+    text = reply_text(io_);
+    if (!text.empty()) return kOk;
+    if (method_.logged) log::error("vx_io_read() failed.\n");
+    return kEmptyReply;
+}
+
+int ServiceCall::parse(std::string_view text, Json::Value& reply) const {
     if (!parse_json(text, reply) || !reply.isObject()) {
         report_unreadable();
         return kBadReply;

@@ -59,6 +59,10 @@ public:
     // kBadReply when the reply is no JSON object.
     int exchange(Json::Value& reply);
 
+    // The two steps of that: the reply's text, which lives as long as this object, and its parsing.
+    int exchange_text(std::string_view& text);
+    int parse(std::string_view text, Json::Value& reply) const;
+
     // Empties the buffer and calls `method` with an empty request. The outcome is of no interest.
     void follow_up(const ServiceMethod& method);
 

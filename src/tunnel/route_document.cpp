@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "foundation/document.h"
 #include "foundation/guard.h"
@@ -40,15 +41,41 @@ bool RouteList::empty() const {
 }
 
 bool RouteDocument::load(const std::string& path) {
-    if (document_from_service(path, values_) == kOk) return true;
+    const auto take = [this](std::string_view reply) {
+        text_ = reply;
+        return find_lists_of_reply();
+    };
+    if (document_from_service(path, values_, take) == kOk) return true;
     if (text_of_document(path, text_) != kOk) return false;
-    return find_lists() || parse_document(text_, values_) == kOk;
+    return find_lists_of_file() || parse_document(text_, values_) == kOk;
 }
 
-// A first walk over the whole text: an error at its end must be found before anything is applied.
-bool RouteDocument::find_lists() {
+// The first walk over a text goes to its end: an error there must be found before anything is applied.
+bool RouteDocument::find_lists_of_file() {
     PlainJson json(text_);
+    return (find_lists(json) && json.at_end()) || forget_lists();
+}
+
+bool RouteDocument::find_lists_of_reply() {
+    PlainJson json(text_);
+    Json::Value error;
+    bool found = false;
     const bool plain = json.object([&](std::string_view key) {
+        if (key == "error") return error.isNull() && json.value(&error);
+        if (key != "data") return json.value(nullptr);
+        return !std::exchange(found, true) && find_lists(json);
+    });
+    return (plain && json.at_end() && found && error == 0) || forget_lists();
+}
+
+bool RouteDocument::forget_lists() {
+    std::fill(std::begin(lists_), std::end(lists_), std::string_view());
+    return false;
+}
+
+// `json` is where the document starts.
+bool RouteDocument::find_lists(PlainJson& json) {
+    return json.object([&](std::string_view key) {
         const char* const begin = json.place();
         if (!json.value(nullptr)) return false;
         const auto* const known = std::find(std::begin(kKeys), std::end(kKeys), key);
@@ -58,9 +85,6 @@ bool RouteDocument::find_lists() {
         list = {begin, static_cast<std::size_t>(json.place() - begin)};
         return true;
     });
-    if (plain && json.at_end()) return true;
-    std::fill(std::begin(lists_), std::end(lists_), std::string_view());
-    return false;
 }
 
 RouteList RouteDocument::list(Which which) const {

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/plain_json.h"
+
 namespace corvo::tunnel {
 
 // The elements of a list that lives elsewhere: as values, or as the text of a plain array.
@@ -46,7 +48,11 @@ private:
     static constexpr const char* kKeys[] = {"del", "add"};
 
     RouteList list(Which which) const;
-    bool find_lists();
+    // Whether the text is plain, and the lists then found in it.
+    bool find_lists_of_file();
+    bool find_lists_of_reply();
+    bool find_lists(PlainJson& json);
+    bool forget_lists();  // false
 
     Json::Value values_;  // unless it is read from the text
     std::string text_;

@@ -140,6 +140,41 @@ TEST_F(TunInKernel, AdditionReplacesAndDeletionRemovesWhatMatches) {
                     "10.1.0.0/16 dev tun6 scope link metric 4"));
 }
 
+// Plain replies are read without jsoncpp's tree of them, all others with it.
+TEST_F(TunInKernel, DocumentOfTheServiceGoesBeforeTheFileHoweverItIsWritten) {
+    services.clear_faults("vesta.read_json");
+    const std::string data = R"({"del": [], "add": [{"SITE": "2", "DEST": "10.2.0.0/16",
+        "RTA_GATEWAY": ["198.19.0.2"]}, {"SITE": "2", "DEST": 5}, {"SITE": "0"}]})";
+    const char* const file = R"({"add": [{"SITE": "3", "DEST": "10.3.0.0/16", "RTA_GATEWAY": ["1.1.1.1"]}]})";
+    const auto outcome = [&](const std::string& reply) {
+        services.answer_text("vesta.read_json", reply);
+        run_line("ip route flush table 10005");
+        const int result = route(file);
+        std::string text = std::to_string(result);
+        for (const std::string& line : routes(10005)) text += " " + line.substr(0, line.find(" via"));
+        return text;
+    };
+    for (const char* reply : {R"({"error": 0, "data": DATA})", R"({"data": DATA, "error": 0})",
+                              R"({"error": 0, "more": [1.5], "data": DATA})",
+                              R"({"error": 1, "error": 0, "data": {"add": []}, "data": DATA})",
+                              R"({"error": "0", "data": DATA})", R"(/* c */ {"error": 0, "data": DATA})"}) {
+        std::string text = reply;
+        text.replace(text.find("DATA"), 4, data);
+        EXPECT_EQ(outcome(text), std::string(reply).find("\"0\"") == std::string::npos ? "-3011 10.2.0.0/16"
+                                                                                       : "0 10.3.0.0/16")
+            << reply;
+    }
+    for (const char* reply :
+         {R"({"error": 0})", R"({"error": 0, "data": null})", R"({"error": 0, "data": 5})",
+          R"({"error": 0, "data": {"add": {"SITE": "2"}}})"}) {
+        EXPECT_EQ(outcome(reply), "0") << reply;
+    }
+    for (std::string reply : {R"({"error": 1, "data": DATA})", R"({"data": DATA})", R"([DATA])",
+                              R"({"error": 0, "data": DATA)"}) {
+        EXPECT_EQ(outcome(reply.replace(reply.find("DATA"), 4, data)), "0 10.3.0.0/16") << reply;
+    }
+}
+
 TEST_F(TunInKernel, LaterElementOfTheSameRouteWins) {
     EXPECT_EQ(route(R"({"add": [{"SITE": "3", "DEST": "10.1.0.0/16", "RTA_GATEWAY": ["198.19.0.1"]},
                                 {"SITE": "3", "DEST": "10.1.0.9/16", "RTA_GATEWAY": ["198.19.0.2"]}]})"),
