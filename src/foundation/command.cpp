@@ -247,10 +247,4 @@ std::vector<std::string> split_words(std::string_view text) {
     return words;
 }
 
-bool is_safe_ifname(std::string_view name) {
-    static constexpr std::string_view kAllowed =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._@-";
-    return !name.empty() && name.size() <= 15 && name.find_first_not_of(kAllowed) == std::string_view::npos;
-}
-
 }  // namespace corvo

@@ -46,7 +46,4 @@ bool capture_command(const std::vector<std::string>& argv, std::string& output,
 // anything.
 std::vector<std::string> split_words(std::string_view text);
 
-// Whether `name` is 1 to 15 characters of [A-Za-z0-9._@-] and can stand in a command. The kernel allows more.
-bool is_safe_ifname(std::string_view name);
-
 }  // namespace corvo

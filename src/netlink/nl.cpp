@@ -1,6 +1,5 @@
 #include "netlink/nl.h"
 
-#include <net/if.h>
 #include <netlink/errno.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -22,10 +21,6 @@ int open_socket(Socket& socket, int protocol) {
         return kConnectFailed;
     }
     return kOk;
-}
-
-unsigned link_index(const char* name) {
-    return name && *name ? ::if_nametoindex(name) : 0;
 }
 
 int libnl_error(int kernel_errno) {

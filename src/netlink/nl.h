@@ -3,10 +3,10 @@
 // Who may include this: every area that speaks netlink through libnl. Plain requests (links, addresses,
 // routes, rules) do not need libnl: see netlink/message.h and netlink/raw_socket.h.
 //
-// Rules of use: never libnl's link cache (look one device up by name, link_index()), never its cache manager,
-// never its class-name file functions with text from outside. libnl asserts on some misuse; what could reach
-// such an assertion is refused before libnl sees it. Threading: an object belongs to one thread; different
-// objects may be used by different threads at once.
+// Rules of use: never libnl's link cache (look one device up by name, RawSocket::link_index()), never its
+// cache manager, never its class-name file functions with text from outside. libnl asserts on some misuse;
+// what could reach such an assertion is refused before libnl sees it. Threading: an object belongs to one
+// thread; different objects may be used by different threads at once.
 #pragma once
 
 #include <netlink/addr.h>
@@ -63,10 +63,6 @@ inline constexpr int kReceiveTimeoutSeconds = 5;
 // Allocates a socket (-3008), connects it to `protocol` (-3009), and bounds every receive. The descriptor is
 // close-on-exec.
 int open_socket(Socket& socket, int protocol = NETLINK_ROUTE);
-
-// The index of the device `name`, or 0 when there is none (or the name is null or empty). One request,
-// whatever the number of devices.
-unsigned link_index(const char* name);
 
 // libnl's negative code for a kernel errno, as its own requests return it: EEXIST is -NLE_EXIST. 0 for 0.
 int libnl_error(int kernel_errno);

@@ -125,6 +125,28 @@ TEST_F(Session, TheLaterOfTwoEditsOfOneRouteStays) {
 }
 
 // Every request of every batch is refused; no answer may be lost or counted for another.
+// An attribute, the list of next hops among them, is less than 64 KiB.
+TEST_F(Session, MoreNextHopsThanAMessageHoldsAreRefusedAloneAndChangeNothing) {
+    RouteSession session;
+    ASSERT_EQ(session.open(), 0);
+    RouteRecord before("10.1.0.0", 16, 1000, 7);
+    before.hop("192.0.2.2", "v0");
+    RouteRecord wide("10.1.0.0", 16, 1000, 7);
+    RouteRecord wide_unkeyed("10.4.0.0", 16, 1000, 0);
+    for (int i = 0; i < 5000; ++i) {
+        wide.hop("192.0.2.3", "v0");
+        wide_unkeyed.hop("192.0.2.3", "v0");
+    }
+    RouteRecord after("10.2.0.0", 16, 1000, 7);
+    after.hop("192.0.2.2", "v0");
+    for (RouteRecord* record : {&before, &wide, &wide_unkeyed, &after}) session.submit(0, *record->get());
+    EXPECT_EQ(session.finish(), (std::vector<int>{0, -NLE_MSGSIZE, -NLE_MSGSIZE, 0}));
+    EXPECT_EQ(edit_route(0, wide.get()), -NLE_MSGSIZE);
+    EXPECT_EQ(lines(1000),
+              (std::vector<std::string>{"10.1.0.0/16 via 192.0.2.2 dev v0 proto static metric 7 onlink ",
+                                        "10.2.0.0/16 via 192.0.2.2 dev v0 proto static metric 7 onlink "}));
+}
+
 TEST_F(Session, ManyRefusalsAreAllReported) {
     RouteSession session;
     ASSERT_EQ(session.open(), 0);
