@@ -22,9 +22,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <new>
 
 #include "support/fault/plan.h"
+#include "support/replaced_new.h"
 #include "vx.h"
 
 using corvo::test::fault::errno_of;
@@ -71,45 +71,10 @@ ssize_t no_bytes() {
     return errno == 0 ? 0 : -1;
 }
 
-void* allocate(std::size_t size) {
-    return strikes(Kind::kNew, "operator new") ? nullptr : std::malloc(size != 0 ? size : 1);
-}
-void* allocate_or_throw(std::size_t size) {
-    if (void* memory = allocate(size)) return memory;
-    throw std::bad_alloc();
-}
-
 }  // namespace
 
-void* operator new(std::size_t size) {
-    return allocate_or_throw(size);
-}
-void* operator new[](std::size_t size) {
-    return allocate_or_throw(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-    std::free(memory);
+bool corvo::test::new_fails() noexcept {
+    return strikes(Kind::kNew, "operator new");
 }
 
 // Seen by all libraries, not by this executable alone.
