@@ -20,6 +20,7 @@ enum : unsigned { kAdd = 0, kDelete = 1, kFlush = 2 };
 
 constexpr int kReceiveBuffer = 1 << 20;  // the answers of a whole batch of refusals
 constexpr int kRepeats = 8;              // of an addition whose old routes had to be searched
+constexpr std::size_t kFewMet = 4;       // fewer than one in so many is few
 
 void patch_head(std::uint8_t* message, std::uint32_t sequence, bool ack) {
     nlmsghdr head{};
@@ -37,6 +38,14 @@ std::uint32_t length_of(const std::uint8_t* message) {
     std::uint32_t length;
     std::memcpy(&length, message, sizeof length);
     return NLMSG_ALIGN(length);
+}
+
+// Whether the kernel accepts the route without looking at others: it looks up a gateway that it is not told
+// to take as being on the link.
+bool needs_no_route(const RouteSpec& spec) {
+    return std::all_of(spec.hops.begin(), spec.hops.end(), [](const RouteHop& hop) {
+        return hop.gateway.size == 0 || (hop.flags & RTNH_F_ONLINK) != 0;
+    });
 }
 
 }  // namespace
@@ -91,7 +100,11 @@ unsigned RouteSession::index_of(const char* name) {
 }
 
 void RouteSession::begin_slot(std::size_t result, const RouteKey& key) {
-    slots_.push_back({key, result, batch_.size(), batch_.size(), 0});
+    slots_.push_back({key, result, batch_.size(), batch_.size(), batch_.size(), 0});
+}
+
+void RouteSession::last_message() {
+    slots_.back().last = batch_.size();
 }
 
 void RouteSession::end_slot(unsigned messages) {
@@ -113,8 +126,10 @@ void RouteSession::queue(unsigned op, const RouteSpec& spec, std::size_t result)
     begin_slot(result, spec.key);
     if (op == kAdd) {
         build_delete_any(batch_, spec.key);
+        last_message();
         build_add_route(batch_, spec);
         end_slot(2);
+        independent_ = independent_ && needs_no_route(spec);
     } else {
         build_delete_route(batch_, spec);
         end_slot(1);
@@ -194,13 +209,17 @@ void RouteSession::send_batch() {
     run_rounds(std::move(all));
     slots_.clear();
     batch_.clear();
+    independent_ = true;
 }
 
 void RouteSession::run_rounds(std::vector<std::size_t> todo) {
+    Send what =
+        op_ == kAdd && table_is_empty_ && independent_ && todo.size() > 1 ? Send::kLast : Send::kWhole;
     for (int round = 0; !todo.empty() && round < kRounds; ++round) {
         int failure = 0;
-        if (exchange(todo, failure)) {
-            todo = settle(todo);
+        if (exchange(todo, what, failure)) {
+            todo = settle(todo, what);
+            what = Send::kWhole;
             continue;
         }
         if (failure == 0 && todo.size() > 1) {
@@ -215,20 +234,21 @@ void RouteSession::run_rounds(std::vector<std::size_t> todo) {
     }
 }
 
-bool RouteSession::exchange(const std::vector<std::size_t>& todo, int& failure) {
+bool RouteSession::exchange(const std::vector<std::size_t>& todo, Send what, int& failure) {
     std::uint8_t* bytes = batch_.data();
     std::size_t size = batch_.size();
-    if (todo.size() != slots_.size()) {
+    if (todo.size() != slots_.size() || what == Send::kLast) {
         outgoing_.clear();
-        for (const std::size_t slot : todo) {
-            outgoing_.insert(outgoing_.end(), batch_.data() + slots_[slot].begin,
-                             batch_.data() + slots_[slot].end);
+        for (const std::size_t index : todo) {
+            const Slot& slot = slots_[index];
+            outgoing_.insert(outgoing_.end(), batch_.data() + (what == Send::kLast ? slot.last : slot.begin),
+                             batch_.data() + slot.end);
         }
         bytes = outgoing_.data();
         size = outgoing_.size();
     }
     std::uint32_t count = 0;
-    for (const std::size_t slot : todo) count += slots_[slot].messages;
+    for (const std::size_t slot : todo) count += what == Send::kLast ? 1 : slots_[slot].messages;
     const std::uint32_t first = socket_->next_sequence(count);
     std::uint8_t* message = bytes;
     for (std::uint32_t i = 0; i < count; ++i) {
@@ -240,11 +260,11 @@ bool RouteSession::exchange(const std::vector<std::size_t>& todo, int& failure) 
         failure = kSendFailed;
         return false;
     }
-    return collect(first, count, failure);
+    return collect(first, count, what, failure);
 }
 
 // Refusals come in the order of the requests; the last request is answered in any case.
-bool RouteSession::collect(std::uint32_t first, std::uint32_t count, int& failure) {
+bool RouteSession::collect(std::uint32_t first, std::uint32_t count, Send what, int& failure) {
     for (;;) {
         int error = 0;
         Bytes datagram = socket_->receive(error);
@@ -263,8 +283,9 @@ bool RouteSession::collect(std::uint32_t first, std::uint32_t count, int& failur
             if (at >= count || message.head.nlmsg_type != NLMSG_ERROR) continue;
             std::string words;
             const int error = read_error(message, &words);
-            // Nothing to delete is what a deletion ahead of an addition usually finds.
-            if (error != 0 && error != ESRCH) trace_refusal(message, error, words);
+            // Nothing to delete is what a deletion ahead of an addition usually finds, and an addition that
+            // is refused alone comes again with its deletion.
+            if (error != 0 && error != ESRCH && what == Send::kWhole) trace_refusal(message, error, words);
             errors_[at] = error;
             if (at + 1 == count) return true;
         }
@@ -272,20 +293,23 @@ bool RouteSession::collect(std::uint32_t first, std::uint32_t count, int& failur
 }
 
 // Takes the results of what is settled and returns what must be done again, in order.
-std::vector<std::size_t> RouteSession::settle(const std::vector<std::size_t>& todo) {
+std::vector<std::size_t> RouteSession::settle(const std::vector<std::size_t>& todo, Send what) {
     std::vector<std::size_t> again;
     std::size_t at = 0;
+    std::size_t met = 0;  // additions that found a former route
     for (const std::size_t index : todo) {
         const Slot& slot = slots_[index];
-        const int last = errors_[at + slot.messages - 1];
-        at += slot.messages;
+        const int before = errors_[at];
+        at += what == Send::kLast ? 1 : slot.messages;
+        const int last = errors_[at - 1];
         int& result = results_[slot.result];
         bool repeat = false;
         if (op_ == kFlush) {
             repeat = last == 0;  // there was a second one, so there may be a third
         } else {
             result = libnl_error(last);
-            repeat = op_ == kAdd && last == EEXIST;
+            repeat = op_ == kAdd && (last == EEXIST || (last != 0 && what == Send::kLast));
+            if (what == Send::kLast ? last != 0 : before != ESRCH) ++met;
         }
         // A later edit of the same route comes after an earlier one, also when that is repeated.
         repeat = repeat || std::any_of(again.begin(), again.end(), [&](std::size_t other) {
@@ -293,6 +317,7 @@ std::vector<std::size_t> RouteSession::settle(const std::vector<std::size_t>& to
                  });
         if (repeat) again.push_back(index);
     }
+    if (op_ == kAdd && todo.size() == slots_.size()) table_is_empty_ = met * kFewMet < todo.size();
     return again;
 }
 

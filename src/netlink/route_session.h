@@ -12,8 +12,9 @@
 // Meaning of the edits, for one as for many. Adding removes every route of the same table, priority and
 // destination first, whatever its type, protocol and next hops; the removal travels with the addition, and
 // both are repeated for as long as the kernel says that one is still there (lists on devices have been found
-// with several). A route with a TOS is nobody's of ours and stays. When table, priority or destination is not
-// set, what to remove is read from one dump of the table. Edits of the same route keep their order.
+// with several). Where a list turns out to meet an empty table, the removal travels only after an addition
+// that was refused. A route with a TOS is nobody's of ours and stays. When table, priority or destination is
+// not set, what to remove is read from one dump of the table. Edits of the same route keep their order.
 //
 // Threading: a session belongs to one thread. Memory: what is on its way (kBatchRecords) and one int per
 // edit.
@@ -64,11 +65,18 @@ private:
         RouteKey key;
         std::size_t result;  // its place in results_
         std::size_t begin;   // its bytes in batch_
+        std::size_t last;    // where its last message begins
         std::size_t end;
         unsigned messages;
     };
+    // What of each edit goes into a datagram.
+    enum class Send {
+        kWhole,
+        kLast,  // the addition alone: the kernel refuses it while there is something to be removed first
+    };
 
     void begin_slot(std::size_t result, const RouteKey& key);
+    void last_message();  // of the slot begins here
     void end_slot(unsigned messages);
     void queue(unsigned op, const RouteSpec& spec, std::size_t result);
     void queue_flush(const RouteKey& key, std::size_t result);
@@ -81,13 +89,15 @@ private:
     void run_rounds(std::vector<std::size_t> todo);
     // Sends these slots in one datagram; errors_ then holds an errno for every message. False: the result of
     // all of them is `failure`, or, when that is 0, answers were lost.
-    bool exchange(const std::vector<std::size_t>& todo, int& failure);
-    bool collect(std::uint32_t first, std::uint32_t count, int& failure);
-    std::vector<std::size_t> settle(const std::vector<std::size_t>& todo);
+    bool exchange(const std::vector<std::size_t>& todo, Send what, int& failure);
+    bool collect(std::uint32_t first, std::uint32_t count, Send what, int& failure);
+    std::vector<std::size_t> settle(const std::vector<std::size_t>& todo, Send what);
 
     std::unique_ptr<RawSocket> socket_;
     unsigned op_ = 0;  // of everything in the batch
     bool wide_ = false;
+    bool table_is_empty_ = false;  // as far as the batch before met it
+    bool independent_ = true;      // no edit of the batch depends on another's route
     RouteSpec spec_;
     char device_[IFNAMSIZ] = "";
     unsigned device_index_ = 0;  // 0: none known

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <map>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -122,6 +123,71 @@ TEST_F(Session, TheLaterOfTwoEditsOfOneRouteStays) {
     EXPECT_EQ(session.finish(), std::vector<int>(10, 0));
     EXPECT_EQ(lines(1000),
               std::vector<std::string>{"10.1.0.0/16 via 192.0.2.109 dev v0 proto static metric 7 onlink "});
+}
+
+// A list that meets an empty table for hundreds of routes and then former ones, refusals and its own routes
+// again ends as edit_route ends one by one.
+TEST_F(Session, ListOverAPartlyFilledTableEndsAsEditsOneByOne) {
+    const auto filled = [](int i) { return i % 400 >= 330 || i % 61 == 0; };
+    std::vector<std::string> commands;
+    for (const char* table : {"1000", "2000"}) {
+        for (int i = 0; i < 2000; ++i) {
+            if (!filled(i)) continue;
+            const std::string route = key(i) + "/24 metric 7 table " + table;
+            commands.push_back("route append " + route + " via 192.0.2.9");
+            if (i % 3 == 0) commands.push_back("route append " + route + " via 192.0.2.10 proto 77");
+            if (i % 5 == 0) commands.push_back("route append blackhole " + route);
+            if (i % 7 == 0) commands.push_back("route append " + route + " via 192.0.2.11 tos 0x10");
+        }
+    }
+    ip_batch(commands);
+    RouteSession session;
+    ASSERT_EQ(session.open(), 0);
+    std::vector<int> alone;
+    for (int i = 0; i < 2500; ++i) {
+        // From 2000 on: routes of a little before, within and across batches.
+        const int at = i < 2000 ? i : 1900 + i % 130;
+        for (const int table : {1000, 2000}) {
+            RouteRecord record(key(at), at % 97 == 0 ? 33 : 24, table, 7);
+            // A gateway that is an own address is refused, after the former routes are gone.
+            record.hop(i % 53 == 0 ? "192.0.2.1" : "192.0.2." + std::to_string(20 + i % 200), "v0");
+            if (table == 1000) {
+                session.submit(0, *record.get());
+            } else {
+                alone.push_back(edit_route(0, record.get()));
+            }
+        }
+    }
+    EXPECT_EQ(session.finish(), alone);
+    EXPECT_EQ(std::set<int>(alone.begin(), alone.end()), (std::set<int>{0, -NLE_INVAL}));
+    EXPECT_EQ(lines(1000), lines(2000));
+    EXPECT_GT(lines(1000).size(), 1900U);
+}
+
+// A gateway is looked up unless it is said to be on the link: what a route ahead of it did must be done.
+TEST_F(Session, RouteMayDependOnTheOneAheadOfIt) {
+    for (const char* way : {"v0", "w0"}) {
+        run_line("ip route flush table 1000");
+        ip_batch({"route add table 1000 10.1.0.0/16 dev v0 metric 7"});
+        RouteSession session;
+        ASSERT_EQ(session.open(), 0);
+        for (int i = 0; i < 150; ++i) {  // more than a batch of routes that meet none
+            RouteRecord record("10.200." + std::to_string(i) + ".0", 24, 1000, 7);
+            record.hop("192.0.2.2", "v0");
+            session.submit(0, *record.get());
+        }
+        RouteRecord link("10.1.0.0", 16, 1000, 7), far("10.2.0.0", 16, 1000, 7);
+        link.hop("", way, 0, false);
+        far.hop("10.1.0.1", "v0", 0, false);
+        session.submit(0, *link.get());
+        session.submit(0, *far.get());
+        const std::vector<int> results = session.finish();
+        ASSERT_EQ(results.size(), 152U);
+        EXPECT_EQ(std::set<int>(results.begin(), results.end() - 1), std::set<int>{0});
+        const bool reached = way == std::string("v0");
+        EXPECT_EQ(results.back() == 0, reached) << results.back();
+        EXPECT_EQ(run_line("ip route show table 1000 10.2.0.0/16").out.empty(), !reached);
+    }
 }
 
 // Every request of every batch is refused; no answer may be lost or counted for another.
