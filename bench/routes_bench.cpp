@@ -113,8 +113,9 @@ void by_ip_batch(const Kind&, int) {
     run(std::string("ip -batch ") + kBatchFile);
 }
 
-// What the kernel needs when everything is prepared: messages built beforehand, a hundred pairs to a
-// datagram.
+// What the kernel needs when everything is prepared: messages built beforehand, a hundred pairs of removal
+// and addition to a datagram. (Into an empty table the session can do with less: there it leaves the removals
+// out.)
 struct Prepared {
     std::vector<std::vector<std::uint8_t>> datagrams;
     std::vector<std::uint32_t> last;
