@@ -10,7 +10,7 @@ namespace corvoctl {
 
 namespace {
 
-struct Options {
+struct DocumentOptions {
     std::string ifname = "all";
     std::string file;
 };
@@ -46,7 +46,7 @@ constexpr RouteType kTypes[] = {
 };
 
 void add_type(CLI::App& family, Context& context, const RouteType& type) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<DocumentOptions>();
     auto* command = family.add_subcommand(type.name, type.help);
     if (type.per_link)
         command->add_option("ifname", options->ifname, "Interface of the link, or all")->required();
@@ -59,7 +59,7 @@ void add_type(CLI::App& family, Context& context, const RouteType& type) {
 
 void add_flush(CLI::App& family, Context& context, const char* name, const char* help,
                int (*flush)(int, std::string)) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<DocumentOptions>();
     auto* command = family.add_subcommand(name, help);
     command->add_option("ifname", options->ifname, "Interface of the link, or all")->required();
     context.on(command, [flush, options] { return from_code(flush(2, options->ifname)); });
@@ -80,7 +80,7 @@ void add_route_verbs(CLI::App& app, Context& context) {
         app.add_subcommand("rule", "The rule that sends a tunnel's remaining traffic to its default table");
     rule->require_subcommand(1);
     for (const int op : {0, 1}) {
-        auto options = std::make_shared<Options>();
+        auto options = std::make_shared<DocumentOptions>();
         auto ipv6 = std::make_shared<bool>(false);
         auto* command =
             rule->add_subcommand(op == 0 ? "add" : "del", op == 0 ? "Add the rule" : "Delete the rule");

@@ -11,7 +11,7 @@ namespace {
 constexpr const char* kOperations[] = {"start", "stop", "restart"};
 constexpr const char* kHelp[] = {"Build the trees", "Remove the trees", "Remove and build again"};
 
-struct Options {
+struct ShapingOptions {
     std::string dev = "all";
     std::string conf;
     std::string device_info;
@@ -26,7 +26,7 @@ void add_shaping_verbs(CLI::App& app, Context& context) {
     qos->require_subcommand(1);
     lan->require_subcommand(1);
     for (int op = 0; op < 3; ++op) {
-        auto wan_options = std::make_shared<Options>();
+        auto wan_options = std::make_shared<ShapingOptions>();
         auto* command = qos->add_subcommand(kOperations[op], kHelp[op]);
         command->add_option("dev", wan_options->dev, "Interface, or all")->capture_default_str();
         command->add_option("--device-info", wan_options->device_info,
@@ -36,7 +36,7 @@ void add_shaping_verbs(CLI::App& app, Context& context) {
             return from_code(setup_qos(op, wan_options->dev, wan_options->device_info, wan_options->tunnels));
         });
 
-        auto lan_options = std::make_shared<Options>();
+        auto lan_options = std::make_shared<ShapingOptions>();
         command = lan->add_subcommand(kOperations[op], kHelp[op]);
         command->add_option("dev", lan_options->dev, "LAN interface, or all")->capture_default_str();
         command->add_option("--conf", lan_options->conf, "LAN QoS document (default: the device's own)");

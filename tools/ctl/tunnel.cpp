@@ -19,7 +19,7 @@ using Elements = std::unordered_map<std::string, Json::Value>;
 
 constexpr const char* kDeviceInfo = "/etc/networkmanagement/device_info.json";
 
-struct Options {
+struct TunnelOptions {
     std::string ifname = "all";
     std::string source = kDeviceInfo;
     unsigned queues = 0;
@@ -29,7 +29,7 @@ struct Options {
 struct Kind {
     const char* verb;
     const char* help;
-    int (*setup)(int op, Options& options);
+    int (*setup)(int op, TunnelOptions& options);
     int (*elements)(Elements& out, std::string path, int comprehensive);
     std::string (*device)(const std::string& name, const Json::Value& element);
     bool has_queues;
@@ -54,29 +54,32 @@ std::string port_device(const Json::Value& element) {
 
 constexpr Kind kKinds[] = {
     {"tun", "IPv4 overlay tunnels of the WAN links",
-     [](int op, Options& o) { return setup_tun(op, o.ifname, o.source, o.queues); }, get_available_wan_info,
-     [](const std::string&, const Json::Value& e) { return wan_device("tun", e); }, true},
+     [](int op, TunnelOptions& o) { return setup_tun(op, o.ifname, o.source, o.queues); },
+     get_available_wan_info, [](const std::string&, const Json::Value& e) { return wan_device("tun", e); },
+     true},
     {"tun6", "IPv6 overlay tunnels of the WAN links",
-     [](int op, Options& o) { return setup_tun6(op, o.ifname, o.source, o.queues); }, get_available_wan_info,
+     [](int op, TunnelOptions& o) { return setup_tun6(op, o.ifname, o.source, o.queues); },
+     get_available_wan_info,
      [](const std::string&, const Json::Value& e) {
          return text_of(e, "ip6_addr").empty() ? std::string() : wan_device("ip6tun", e);
      },
      true},
-    {"private", "Private links", [](int op, Options& o) { return setup_private(op, o.ifname, o.source); },
+    {"private", "Private links",
+     [](int op, TunnelOptions& o) { return setup_private(op, o.ifname, o.source); },
      get_available_private_info, [](const std::string&, const Json::Value& e) { return port_device(e); },
      false},
-    {"rglink", "Regional links", [](int op, Options& o) { return setup_rglink(op, o.ifname, o.source); },
-     get_available_rglink_info, [](const std::string&, const Json::Value& e) { return port_device(e); },
-     false},
+    {"rglink", "Regional links",
+     [](int op, TunnelOptions& o) { return setup_rglink(op, o.ifname, o.source); }, get_available_rglink_info,
+     [](const std::string&, const Json::Value& e) { return port_device(e); }, false},
 };
 
-bool selected(const Options& options, const std::string& name, const Json::Value& element) {
+bool selected(const TunnelOptions& options, const std::string& name, const Json::Value& element) {
     return options.ifname.empty() || options.ifname == "all" || options.ifname == name ||
            options.ifname == text_of(element, "slave");
 }
 
 // The setup functions return 0 whatever became of a single link, so the verdict is taken from the kernel.
-Outcome set_up(const Kind& kind, int op, Options& options) {
+Outcome set_up(const Kind& kind, int op, TunnelOptions& options) {
     Outcome outcome = from_code(kind.setup(op, options));
     if (!outcome.ok()) return outcome;
     Elements elements;
@@ -109,7 +112,7 @@ Outcome set_up(const Kind& kind, int op, Options& options) {
 void add_kind(CLI::App& app, Context& context, const Kind& kind) {
     auto* family = app.add_subcommand(kind.verb, kind.help);
     family->require_subcommand(1);
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<TunnelOptions>();
     for (const int op : {0, 1}) {
         auto* command = family->add_subcommand(op == 0 ? "up" : "down", op == 0 ? "Create" : "Delete");
         command->add_option("ifname", options->ifname, "Interface of the link, or all")

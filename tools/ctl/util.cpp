@@ -9,7 +9,7 @@ namespace corvoctl {
 
 namespace {
 
-struct Arguments {
+struct UtilArguments {
     std::string text;
     int first = 0;
     int second = 0;
@@ -35,7 +35,7 @@ void add_util_verbs(CLI::App& app, Context& context) {
         family->add_subcommand("load", "What this device tells in UDP answers: load, WANs, IPsec tunnels"),
         load);
 
-    auto tunnel = std::make_shared<Arguments>();
+    auto tunnel = std::make_shared<UtilArguments>();
     auto* address = family->add_subcommand("tun-addr", "The tunnel address of a device's port");
     address->add_option("device", tunnel->first, "Device id")->required()->check(CLI::PositiveNumber);
     address->add_option("port", tunnel->second, "Number of the port")
@@ -50,7 +50,7 @@ void add_util_verbs(CLI::App& app, Context& context) {
         return outcome;
     });
 
-    auto network = std::make_shared<Arguments>();
+    auto network = std::make_shared<UtilArguments>();
     auto* net = family->add_subcommand("network", "The network of an address");
     net->add_option("address", network->text, "IPv4 address")->required()->check(CLI::ValidIPV4);
     net->add_option("length", network->first, "Prefix length")->required()->check(CLI::Range(1, 32));
@@ -62,12 +62,12 @@ void add_util_verbs(CLI::App& app, Context& context) {
         return outcome;
     });
 
-    auto cpus = std::make_shared<Arguments>();
+    auto cpus = std::make_shared<UtilArguments>();
     auto* spread = family->add_subcommand("cpus", "Spread the queues of an interface over the processors");
     spread->add_option("dev", cpus->text, "The interface")->required();
     context.on(spread, [cpus] { return from_code(setup_cpus(cpus->text)); });
 
-    auto nat = std::make_shared<Arguments>();
+    auto nat = std::make_shared<UtilArguments>();
     auto* flush = family->add_subcommand("flush-nat", "Forget the translated connections of a WAN address");
     flush->add_option("address", nat->text, "The WAN's IPv4 address")->required()->check(CLI::ValidIPV4);
     context.on(flush, [nat] {
