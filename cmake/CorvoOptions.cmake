@@ -47,11 +47,7 @@ if(CORVO_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 if(CORVO_COVERAGE)
-  # Together with a sanitizer it takes that build's optimisation. (atomic: threads count together)
-  add_compile_options(--coverage -fprofile-update=atomic)
-  if(NOT CORVO_SANITIZE)
-    add_compile_options(-O0)
-  endif()
+  add_compile_options(--coverage -O0 -fprofile-update=atomic)  # atomic: threads count together
   add_link_options(--coverage)
 endif()
 
