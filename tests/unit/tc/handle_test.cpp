@@ -5,13 +5,66 @@
 #include <gtest/gtest.h>
 #include <netlink/errno.h>
 #include <netlink/route/tc.h>
+#include <stdlib.h>
 
 #include <random>
 #include <thread>
 #include <vector>
 
+#include "support/files.h"
+
 namespace corvo::tc {
 namespace {
+
+// A directory in the place of libnl's own, for the file with the names of classes. It is read once in the
+// life of a process: libnl 3.7 does not survive its reading it again.
+class Names : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ::setenv("NLSYSCONFDIR", directory().path().c_str(), 1);
+        test::write_file(file(), "1:55 silver\n2:7 bronze\n3: lan\n");
+        ASSERT_EQ(rtnl_tc_read_classid_file(), 0);
+    }
+    static void TearDownTestSuite() { ::unsetenv("NLSYSCONFDIR"); }
+    static const test::TempDir& directory() {
+        static const test::TempDir made;
+        return made;
+    }
+    static std::string file() { return directory() / "classid"; }
+};
+
+TEST_F(Names, OfTheClassFileAreHandles) {
+    std::uint32_t handle = 0;
+    EXPECT_EQ(parse_handle("silver", handle), HandleStatus::kOk);
+    EXPECT_EQ(handle, 0x10055U);
+    EXPECT_TRUE(parse_or_generate("bronze", 0x10000, handle));
+    EXPECT_EQ(handle, 0x20007U);
+}
+
+TEST_F(Names, OfAClassWithAMinorNumberIsThatClassOfItsQdisc) {
+    std::uint32_t handle = 0;
+    EXPECT_EQ(parse_handle("silver:10", handle), HandleStatus::kInvalid) << "silver is no qdisc";
+    EXPECT_EQ(parse_handle("lan:10", handle), HandleStatus::kOk);
+    EXPECT_EQ(handle, 0x30010U);
+}
+
+TEST_F(Names, OfNobodyAreGeneratedUnderTheParentAndRemembered) {
+    std::uint32_t generated = 0;
+    ASSERT_TRUE(parse_or_generate("gold", 0x10000, generated));
+    EXPECT_EQ(TC_H_MAJ(generated), 0x10000U);
+    std::uint32_t again = 0;
+    EXPECT_TRUE(parse_or_generate("gold", 0x50000, again));
+    EXPECT_EQ(again, generated);
+    EXPECT_NE(test::read_file(file()).find("gold"), std::string::npos) << test::read_file(file());
+}
+
+TEST_F(Names, CannotBeGeneratedWithoutADirectoryForThem) {
+    ::setenv("NLSYSCONFDIR", "/nonexistent", 1);
+    std::uint32_t handle = 0xdeadbeef;
+    EXPECT_FALSE(parse_or_generate("platinum", 0x10000, handle));
+    ::setenv("NLSYSCONFDIR", directory().path().c_str(), 1);
+    EXPECT_EQ(handle, 0xdeadbeefU);
+}
 
 struct Number {
     const char* text;
