@@ -22,6 +22,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string>
+#include <string_view>
 
 #include "support/fault/plan.h"
 #include "support/replaced_new.h"
@@ -222,6 +224,10 @@ FILE* fopen64(const char* path, const char* mode) {
     REAL(fopen64);
     return fails(file_kind(path), "fopen64") ? nullptr : real(path, mode);
 }
+int truncate(const char* path, off_t size) noexcept {
+    REAL(truncate);
+    return fails(file_kind(path), "truncate") ? -1 : real(path, size);
+}
 DIR* opendir(const char* path) {
     REAL(opendir);
     return fails(Kind::kFile, "opendir") ? nullptr : real(path);
@@ -230,9 +236,28 @@ int stat(const char* path, struct stat* info) noexcept {
     static const auto real = next<int (*)(const char*, struct stat*)>("stat");
     return fails(file_kind(path), "stat") ? -1 : real(path, info);
 }
+// The last way of a file to fail; only where the kernel is not the writer, whose values come whole or not at
+// all.
+constexpr int kHalf = 5;
+static bool is_document(int fd) {
+    static const std::string_view kFolder = "/etc/networkmanagement/";
+    char path[64];
+    const auto got = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
+    return got > 0 && std::string_view(path, static_cast<std::size_t>(got)).starts_with(kFolder);
+}
 ssize_t read(int fd, void* data, std::size_t size) {
     REAL(read);
-    return is_file(fd) && fails(file_kind(fd), "read") ? no_bytes() : real(fd, data, size);
+    if (!is_file(fd)) return real(fd, data, size);
+    const Kind kind = file_kind(fd);
+    int variant = 0;
+    if (!strikes(kind, "read", &variant)) return real(fd, data, size);
+    const Spared here;
+    if (kind == Kind::kFile && variant == kHalf && is_document(fd)) {
+        const ssize_t got = real(fd, data, size);
+        return got > 0 ? got / 2 : got;
+    }
+    errno = errno_of(kind, variant);
+    return no_bytes();
 }
 ssize_t __read_chk(int fd, void* data, std::size_t size, std::size_t) {
     return read(fd, data, size);
@@ -261,6 +286,8 @@ int posix_spawnp(pid_t* pid, const char* file, const posix_spawn_file_actions_t*
         "printf '%%n%%s\\377\\000;\"\\n{'; head -c 100000 /dev/zero",
         "kill -9 $$",
         "sleep 0.05; exit 1",
+        // (only to a reader: what is not captured ends when the child does)
+        "for out in /dev/null /proc/$PPID/fd/1; do [ /proc/self/fd/1 -ef $out ] && exit 1; done; exec yes",
     };
     const char* const words[] = {"/bin/sh", "-c", kScripts[variant - 2], nullptr};
     return real(pid, words[0], actions, attributes, const_cast<char* const*>(words), environment);
