@@ -32,6 +32,8 @@ namespace {
 
 constexpr std::chrono::seconds kAddressRetry{3};
 constexpr std::chrono::milliseconds kErrorPause{100};
+constexpr std::chrono::milliseconds kPortPause{20};
+constexpr int kPortAttempts = 50;
 // What a slow collection of the load figures leaves waiting must fit.
 constexpr int kReceiveBuffer = 1 << 20;
 
@@ -49,6 +51,19 @@ std::string dotted(const in_addr& address) {
     return text;
 }
 
+// A child that another thread starts has our descriptors until its exec, the socket of a responder that has
+// just been stopped among them: a port that is taken may be free a moment later. False on a stop, too.
+bool bind_to(int fd, const std::string& local) {
+    const sockaddr_in address = probe_address(local);
+    for (int attempt = 1;; ++attempt) {
+        if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return true;
+        if (errno != EADDRINUSE || attempt == kPortAttempts) break;
+        if (Worker::current_stop().wait_for(kPortPause)) return false;
+    }
+    log::error("Server socket bind failed.");
+    return false;
+}
+
 // A socket that serves on `local`; none, and one line, when it cannot be had.
 corvo::UniqueFd open_listener(const std::string& local) {
     corvo::UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -62,11 +77,7 @@ corvo::UniqueFd open_listener(const std::string& local) {
     }
     // Not needed to work, hence no complaint.
     ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
-    const sockaddr_in address = probe_address(local);
-    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        log::error("Server socket bind failed.");
-        return {};
-    }
+    if (!bind_to(fd.get(), local)) return {};
     return fd;
 }
 

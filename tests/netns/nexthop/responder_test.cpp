@@ -1,7 +1,13 @@
 // The responder on a real kernel.
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "foundation/command.h"
 #include "responder_fixture.h"
+#include "support/sanitized.h"
 
 namespace corvo::test {
 namespace {
@@ -215,6 +221,31 @@ TEST_F(Responder, EndsWhenThePortIsTakenAndDoesNotStartAgainByItself) {
     EXPECT_EQ(udp.start(), -3026);  // ended, and kept until the stop
     EXPECT_FALSE(port_is_taken());
     EXPECT_EQ(udp.stop(), 0);
+    serve(udp);
+}
+
+// Until its exec a child has the descriptors of its parent, the socket of a responder that is stopped in that
+// moment, too.
+TEST_F(Responder, BeginsAgainWhileChildrenAreStarted) {
+    link();
+    std::atomic<bool> enough{false};
+    std::vector<std::thread> others;
+    for (int i = 0; i < 3; ++i)
+        others.emplace_back([&] {
+            while (!enough) run_command_quiet({"/bin/true"});
+        });
+    ProcUdp udp(dev);
+    constexpr int kRounds = kSanitized ? 40 : 200;
+    int rounds = 0;
+    const auto refused = [] { return count_log("[ERROR] Server socket bind failed.") > 0; };
+    while (rounds < kRounds && !refused() && udp.start() == 0) {
+        wait_until([&] { return port_is_taken() || refused(); });
+        if (udp.stop() == 0) ++rounds;
+    }
+    EXPECT_EQ(rounds, kRounds);
+    EXPECT_FALSE(refused());
+    enough = true;
+    for (auto& other : others) other.join();
     serve(udp);
 }
 
