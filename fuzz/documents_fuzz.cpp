@@ -89,12 +89,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     CfgFile whole_reply(path);
     must(fake_vx::buffers == 0);
 
-    // What is written can be read again and is the same text then.
+    // What is written can be read again and is the same text from then on. (Names of bytes that are no UTF-8
+    // are replaced as they are written first, and may sort elsewhere.)
     Json::Value parsed;
-    if (corvo::parse_json(text, parsed)) {
+    std::string before;
+    for (int round = 0; corvo::parse_json(round == 0 ? text : before, parsed) && round < 3; ++round) {
         const std::string compact = corvo::compact_json(parsed);
-        Json::Value again;
-        if (corvo::parse_json(compact, again)) must(corvo::compact_json(again) == compact);
+        must(round < 2 || compact == before);
+        before = compact;
     }
     return 0;
 }
