@@ -3,6 +3,7 @@
 
 #include "corvosetup/tun.h"
 #include "fake_device.h"
+#include "support/failing_new.h"
 
 using corvo::test::FakeDevice;
 using corvo::test::json;
@@ -72,6 +73,27 @@ TEST_F(RouteDocuments, CommentAheadOfADocumentChangesNothing) {
         }
     }
     EXPECT_THAT(apply(R"({"add": [)" + good + "]}").calls, SizeIs(1));
+}
+
+TEST_F(RouteDocuments, ElementThatThereIsNoMemoryForIsNullAndTheOthersAreRead) {
+    const std::string element =
+        R"({"SITE": "9", "DEST": "a text that is too long to be kept inside a string"})";
+    const std::string text = "[" + element + "," + element + "," + element + "]";
+    int refused = 0;
+    for (int n = 0;; ++n) {
+        int whole = 0;
+        int null = 0;
+        corvo::test::FailingNew failing(n, corvo::test::FailingNew::Then::kRecovers);
+        RouteList(std::string_view(text)).each([&](const Json::Value& read) {
+            if (read.isNull()) ++null;
+            if (read.isObject() && read.size() == 2) ++whole;
+        });
+        if (!failing.struck()) break;
+        ++refused;
+        EXPECT_EQ(null, 1) << n;
+        EXPECT_EQ(whole, 2) << n;
+    }
+    EXPECT_GE(refused, 6);
 }
 
 TEST_F(RouteDocuments, DocumentThatIsBadAtItsEndIsNotApplied) {
