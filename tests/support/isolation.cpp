@@ -147,7 +147,8 @@ void enter() {
     if (child > 0) wait_as_init(child, report[1]);
     ::close(report[1]);
     check(::unshare(CLONE_NEWNS | CLONE_NEWIPC) == 0, "unshare(mounts)");
-    check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make mounts private");
+    check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
+          "make mounts private (the root of a chroot must be a mount point: mount --bind DIR DIR before it)");
 }
 
 void build_view() {
