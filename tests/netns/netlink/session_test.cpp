@@ -190,7 +190,6 @@ TEST_F(Session, RouteMayDependOnTheOneAheadOfIt) {
     }
 }
 
-// Every request of every batch is refused; no answer may be lost or counted for another.
 // An attribute, the list of next hops among them, is less than 64 KiB.
 TEST_F(Session, MoreNextHopsThanAMessageHoldsAreRefusedAloneAndChangeNothing) {
     RouteSession session;
@@ -213,6 +212,7 @@ TEST_F(Session, MoreNextHopsThanAMessageHoldsAreRefusedAloneAndChangeNothing) {
                                         "10.2.0.0/16 via 192.0.2.2 dev v0 proto static metric 7 onlink "}));
 }
 
+// Every request of every batch is refused; no answer may be lost or counted for another.
 TEST_F(Session, ManyRefusalsAreAllReported) {
     RouteSession session;
     ASSERT_EQ(session.open(), 0);
