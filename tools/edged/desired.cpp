@@ -151,6 +151,10 @@ long number_of(const Json::Value& object, const char* key, long fallback) {
     return text.empty() ? fallback : std::strtol(text.c_str(), nullptr, 10);
 }
 
+Json::Value member(const Json::Value& object, const char* key) {
+    return object.isObject() ? object.get(key, Json::Value()) : Json::Value();
+}
+
 std::string active_hub(const std::string& site_path, int device_id) {
     CfgFile file(site_path);
     Json::Value site;

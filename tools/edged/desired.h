@@ -46,6 +46,7 @@ std::string active_hub(const std::string& site_path, int device_id);
 // Reading elements and documents whose types nobody vouches for.
 std::string text_of(const Json::Value& object, const char* key, const std::string& fallback = {});
 long number_of(const Json::Value& object, const char* key, long fallback = 0);
+Json::Value member(const Json::Value& object, const char* key);  // null when it is not there
 
 // One line, members in key order: equal texts are equal values.
 std::string compact(const Json::Value& value);

@@ -18,10 +18,6 @@ namespace {
 
 constexpr const char* kLanKey = "lan_qos";
 
-Json::Value member(const Json::Value& object, const char* key) {
-    return object.isObject() ? object.get(key, Json::Value()) : Json::Value();
-}
-
 // Whether the device carries a tree of ours.
 bool has_tree(const std::string& dev) {
     const std::unique_ptr<tqs_link, void (*)(tqs_link*)> head(get_tx_queue_status(dev.c_str()),

@@ -25,10 +25,6 @@ bool usable(const std::string& name) {
     return index > 0 && get_dev_flags(index, &flags) == 0 && (flags & IFF_UP) != 0;
 }
 
-Json::Value member(const Json::Value& element, const char* key) {
-    return element.isObject() ? element.get(key, Json::Value()) : Json::Value();
-}
-
 }  // namespace
 
 void StandIn::begin(const Desired& desired) {

@@ -14,12 +14,6 @@ namespace corvo::test {
 namespace {
 
 using Infos = std::unordered_map<std::string, Json::Value>;
-constexpr const char* kInfo = "/etc/networkmanagement/device_info.json";
-
-template <class Function>
-std::function<Call(Machine&)> plain(Function function) {
-    return [function](Machine&) { return Call(function); };
-}
 
 template <int (*function)(Json::Value&, std::string, int)>
 int list() {

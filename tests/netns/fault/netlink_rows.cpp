@@ -11,25 +11,7 @@ namespace corvo::test {
 
 namespace {
 
-template <class Function>
-std::function<Call(Machine&)> plain(Function function) {
-    return [function](Machine&) { return Call(function); };
-}
-
 // The same after a step that is made undisturbed, each time before the call.
-template <class Before, class Function>
-std::function<Call(Machine&)> after(Before before, Function function) {
-    return [before, function](Machine&) {
-        return Call([before, function] {
-            {
-                const fault::Spared here;
-                before();
-            }
-            return function();
-        });
-    };
-}
-
 int index() {
     const fault::Spared here;
     return index_of("eth2");

@@ -19,8 +19,6 @@ namespace corvo::test {
 
 namespace {
 
-const std::string kString = "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
-
 // An object that is made undisturbed, and made anew for each step.
 template <class Make, class Function>
 std::function<Call(Machine&)> on(Make make, Function function) {

@@ -66,4 +66,27 @@ inline std::string text(const char* value) {
     return fault::spared<std::string>(value);
 }
 
+// std::string in the name of a symbol.
+inline const std::string kString = "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
+inline constexpr const char* kInfo = "/etc/networkmanagement/device_info.json";
+
+// A call that needs nothing of the machine.
+template <class Function>
+std::function<Call(Machine&)> plain(Function function) {
+    return [function](Machine&) { return Call(function); };
+}
+// The same, with an undisturbed step ahead of it each time.
+template <class Before, class Function>
+std::function<Call(Machine&)> after(Before before, Function function) {
+    return [before, function](Machine&) {
+        return Call([before, function] {
+            {
+                const fault::Spared here;
+                before();
+            }
+            return function();
+        });
+    };
+}
+
 }  // namespace corvo::test

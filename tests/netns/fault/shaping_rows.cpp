@@ -9,8 +9,6 @@ namespace corvo::test {
 
 namespace {
 
-const std::string kString = "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
-constexpr const char* kInfo = "/etc/networkmanagement/device_info.json";
 const std::vector<std::string> kWanFeatures{"htb", "fq", "fw", "ingress", "u32", "mirred"};
 
 void add_wan(std::vector<Row>& rows) {

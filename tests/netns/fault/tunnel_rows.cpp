@@ -83,26 +83,9 @@ private:
     const char* info_;
 };
 
-template <class Function>
-std::function<Call(Machine&)> plain(Function function) {
-    return [function](Machine&) { return Call(function); };
-}
-template <class Before, class Function>
-std::function<Call(Machine&)> after(Before before, Function function) {
-    return [before, function](Machine&) {
-        return Call([before, function] {
-            {
-                const fault::Spared here;
-                before();
-            }
-            return function();
-        });
-    };
-}
-
 // Constructors may run out of memory and say so; anything else would be seen.
 template <class Make>
-int constructed(Make make) {
+int constructed_link(Make make) {
     try {
         make();
         return kOk;
@@ -156,8 +139,6 @@ void add_rule_rows(std::vector<Row>& rows, const std::string& n, const Maker<Lin
             .logs());
 }
 
-const std::string kString = "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
-
 // Route documents of one link and of all of them.
 template <class Link>
 void add_route_rows(std::vector<Row>& rows, const std::string& n, const Maker<Link>& on,
@@ -190,7 +171,7 @@ void add_tun(std::vector<Row>& rows) {
                            kString + "S5_RN4Json5ValueEj",
                        [](Machine&) {
                            return Call([info = std::make_shared<Json::Value>(json(kWan1))] {
-                               return constructed([&] { Tun tun(text("eth1"), *info, 2); });
+                               return constructed_link([&] { Tun tun(text("eth1"), *info, 2); });
                            });
                        }));
     rows.push_back(Row("_ZN7TunBase7get_devB5cxx11Ev", tun1(length_of_dev<Tun>)).value().gives(4));
@@ -275,7 +256,7 @@ void add_tun6(std::vector<Row>& rows) {
     rows.push_back(Row("_ZN4Tun6C1E" + kString + "RN4Json5ValueEj _ZN4Tun6C2E" + kString + "RN4Json5ValueEj",
                        [](Machine&) {
                            return Call([info = std::make_shared<Json::Value>(json(kWan1))] {
-                               return constructed([&] { Tun6 tun(text("eth1"), *info, 2); });
+                               return constructed_link([&] { Tun6 tun(text("eth1"), *info, 2); });
                            });
                        }));
     rows.push_back(Row("_ZN4Tun611dump2structEP8sit_conf", tun1([](Tun6& tun) {
@@ -342,7 +323,7 @@ void add_tun6(std::vector<Row>& rows) {
                     std::make_shared<Json::Value>(json(read_file("/etc/networkmanagement/routes6.json")));
                 auto wans = std::make_shared<std::unordered_map<std::string, Json::Value>>();
                 (*wans)["eth1"] = json(R"({"id":1})");
-                return Call([=] { return constructed([&] { V6TunRo object(*document, *wans); }); });
+                return Call([=] { return constructed_link([&] { V6TunRo object(*document, *wans); }); });
             }));
     rows.push_back(Row("_ZN7V6TunRo12setup_route6Ei",
                        routes([](V6TunRo& object, Json::Value&) { return object.setup_route6(1); }))
@@ -377,7 +358,7 @@ void add_private(std::vector<Row>& rows) {
         "_ZN11PrivateLinkC1E" + kString + "RN4Json5ValueE _ZN11PrivateLinkC2E" + kString + "RN4Json5ValueE",
         [](Machine&) {
             return Call([info = std::make_shared<Json::Value>(json(kPort3))] {
-                return constructed([&] { PrivateLink link(text("swdev3"), *info); });
+                return constructed_link([&] { PrivateLink link(text("swdev3"), *info); });
             });
         }));
     rows.push_back(
@@ -448,7 +429,7 @@ void add_regional(std::vector<Row>& rows) {
         Row("_ZN6RgLinkC1E" + kString + "RN4Json5ValueE _ZN6RgLinkC2E" + kString + "RN4Json5ValueE",
             [](Machine&) {
                 return Call([info = std::make_shared<Json::Value>(json(kPort4))] {
-                    return constructed([&] { RgLink link(text("swdev4"), *info); });
+                    return constructed_link([&] { RgLink link(text("swdev4"), *info); });
                 });
             }));
     add_flag_rows<RgLink>(rows, "6RgLink", port4);

@@ -3,7 +3,7 @@
 #include "corvosetup/link.h"
 
 #include <gtest/gtest.h>
-#include <linux/if.h>
+#include <net/if.h>
 
 #include <climits>
 

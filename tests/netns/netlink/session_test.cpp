@@ -3,7 +3,7 @@
 #include "netlink/route_session.h"
 
 #include <gtest/gtest.h>
-#include <linux/if.h>
+#include <net/if.h>
 #include <netlink/errno.h>
 
 #include <atomic>

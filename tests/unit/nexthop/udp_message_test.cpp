@@ -9,19 +9,14 @@
 #include <set>
 
 #include "corvosetup/udp.h"
-#include "foundation/json.h"
+#include "site_documents.h"
 
 namespace {
 
 using corvo::LoadFigures;
 using corvo::ProbeReply;
 using corvo::ProbeRequest;
-
-Json::Value parsed(const std::string& text) {
-    Json::Value value;
-    EXPECT_TRUE(corvo::parse_json(text, value)) << text;
-    return value;
-}
+using corvo::test::parsed;
 
 ProbeRequest request_of(std::string_view datagram) {
     ProbeRequest request;

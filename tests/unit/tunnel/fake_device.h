@@ -71,4 +71,10 @@ private:
     std::string no_memory_for_;
 };
 
+// A step of a creation that fails, and what is then logged.
+struct FailingStep {
+    const char* step;
+    const char* message;
+};
+
 }  // namespace corvo::test

@@ -3,6 +3,7 @@
 
 #include "fake_device.h"
 
+using corvo::test::FailingStep;
 using corvo::test::FakeDevice;
 using corvo::test::json;
 using testing::Contains;
@@ -28,7 +29,7 @@ protected:
     }
 };
 
-constexpr const char* kGood =
+constexpr const char* kGoodRegional =
     R"({"SITE": "9", "DEST": "10.7.0.9/16", "RTA_GATEWAY": ["10.9.0.2"], "DEVICE": "tun2"})";
 
 TEST_F(RgLinkTest, CreationSetsNoMultipathAndNoRulesOrRoutes) {
@@ -43,10 +44,6 @@ TEST_F(RgLinkTest, CreationSetsNoMultipathAndNoRulesOrRoutes) {
     EXPECT_THAT(errors(), IsEmpty());
 }
 
-struct FailingStep {
-    const char* step;
-    const char* message;
-};
 class RgCreationStops : public RgLinkTest, public testing::WithParamInterface<FailingStep> {};
 
 TEST_P(RgCreationStops, AtTheFirstFailingStep) {
@@ -128,7 +125,8 @@ TEST_F(RgLinkTest, SetupRglinkSelectsAndReturns) {
 }
 
 TEST_F(RgLinkTest, RoutesGoToTheSharedTableWithoutPathMetrics) {
-    EXPECT_EQ(route(std::string(R"({"del": [{"SITE": "8", "DEST": "10.8.0.1/16"}], "add": [)") + kGood + R"(,
+    EXPECT_EQ(route(std::string(R"({"del": [{"SITE": "8", "DEST": "10.8.0.1/16"}], "add": [)") +
+                    kGoodRegional + R"(,
         {"SITE": "9", "DEST": "10.6.0.0/16", "RTA_GATEWAY": ["1.1.1.1", "2.2.2.2"], "WEIGHT": ["3", "4"],
          "DEVICE": "tun3"}]})"),
               0);
@@ -149,18 +147,19 @@ TEST_F(RgLinkTest, OneDestinationMayGoOverSeveralDevices) {
 
 TEST_F(RgLinkTest, FailuresAreReportedAsForTunnels) {
     fail("edit_route 2", -3010);
-    EXPECT_EQ(
-        route(std::string(R"({"del": [{"SITE": "8", "DEST": "10.8.0.1/16"}], "add": [)") + kGood + "]}"), 0);
+    EXPECT_EQ(route(std::string(R"({"del": [{"SITE": "8", "DEST": "10.8.0.1/16"}], "add": [)") +
+                    kGoodRegional + "]}"),
+              0);
     EXPECT_THAT(errors(),
                 ElementsAre("[ERROR] Edit Route failed, ret: -3010, result: Unspecific failureop: 2 dst: "
                             "10.8.0.0/16, table: 25000, prio: 8",
                             "[ERROR] edit route failed. op: 2, count: 1DST [10.8.0.0/16], table: 25000, "
                             "metric: 8"));
     fail("edit_route 0", -6);
-    EXPECT_EQ(route(std::string(R"({"add": [)") + kGood + "]}"), 0);
+    EXPECT_EQ(route(std::string(R"({"add": [)") + kGoodRegional + "]}"), 0);
     EXPECT_THAT(errors(), ElementsAre("[WARNING] Route Exist. dst: 10.7.0.0/16, table: 25000, prio: 9"));
     fail("edit_route 0", -12);
-    EXPECT_EQ(route(std::string(R"({"add": [)") + kGood + "]}"), -3011);
+    EXPECT_EQ(route(std::string(R"({"add": [)") + kGoodRegional + "]}"), -3011);
 }
 
 TEST_F(RgLinkTest, ElementWithoutADestinationIsPassedOver) {
@@ -176,7 +175,8 @@ TEST_F(RgLinkTest, BadElementsFailAloneAndSaySo) {
         R"({"SITE": "9", "DEST": "10.6.0.0/16", "RTA_GATEWAY": ["1.1.1.1"], "DEVICE": "a-name-longer-than-15"})",
         R"({"SITE": "9", "DEST": "10.6.0.0/16", "RTA_GATEWAY": 1, "DEVICE": "tun2"})"};
     for (const char* element : bad) {
-        EXPECT_EQ(route(std::string(R"({"add": [)") + element + "," + kGood + "]}"), -3011) << element;
+        EXPECT_EQ(route(std::string(R"({"add": [)") + element + "," + kGoodRegional + "]}"), -3011)
+            << element;
         EXPECT_THAT(calls, ElementsAre(HasSubstr("edit_route 0 10.7.0.0/16 "))) << element;
         EXPECT_THAT(errors(), ElementsAre(HasSubstr("[ERROR] edit route failed. op: 0, count: 1DST [")))
             << element;

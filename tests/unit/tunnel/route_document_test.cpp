@@ -45,11 +45,11 @@ std::vector<Json::Value> elements_of(const RouteList& list) {
     return elements;
 }
 
-constexpr const char* kGood = R"({"SITE": "9", "DEST": "10.9.0.0/16", "RTA_GATEWAY": ["198.19.0.9"]})";
+constexpr const char* kGoodElement = R"({"SITE": "9", "DEST": "10.9.0.0/16", "RTA_GATEWAY": ["198.19.0.9"]})";
 
 // A comment ahead of it is all that takes a document from the quick reader to jsoncpp.
 TEST_F(RouteDocuments, CommentAheadOfADocumentChangesNothing) {
-    const std::string good = kGood;
+    const std::string good = kGoodElement;
     const std::string elements[] = {
         "",
         good,
@@ -97,7 +97,8 @@ TEST_F(RouteDocuments, ElementThatThereIsNoMemoryForIsNullAndTheOthersAreRead) {
 }
 
 TEST_F(RouteDocuments, DocumentThatIsBadAtItsEndIsNotApplied) {
-    const std::string lists = std::string(R"({"del": [)") + kGood + R"(], "add": [)" + kGood + "]";
+    const std::string lists =
+        std::string(R"({"del": [)") + kGoodElement + R"(], "add": [)" + kGoodElement + "]";
     for (const std::string& text : {lists, lists + "]", lists + R"(, "x": nul})", lists + R"(, "x" 1})"}) {
         EXPECT_EQ(apply(text).result, -3016) << text;
         EXPECT_THAT(calls, IsEmpty()) << text;

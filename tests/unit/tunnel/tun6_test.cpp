@@ -5,6 +5,7 @@
 
 #include "fake_device.h"
 
+using corvo::test::FailingStep;
 using corvo::test::FakeDevice;
 using corvo::test::json;
 using testing::Contains;
@@ -33,7 +34,7 @@ protected:
     }
 };
 
-constexpr const char* kGood = R"({"SITE": "9", "DEST": "fd00:9::/32", "RTA_GATEWAY": ["fd00::9"]})";
+constexpr const char* kGood6 = R"({"SITE": "9", "DEST": "fd00:9::/32", "RTA_GATEWAY": ["fd00::9"]})";
 
 TEST_F(Tun6Test, DeviceIsNamedIp6tunAndTheId) {
     EXPECT_EQ(tun().get_dev(), "ip6tun4");
@@ -70,10 +71,6 @@ TEST_F(Tun6Test, CreationSetsNoMultipathAfterUpAndAddsFourRules) {
                    "edit_rule6 0 prio=20004 table=20004 oif=ip6tun4", "edit_rule6 0 prio=30004 table=30004"));
 }
 
-struct FailingStep {
-    const char* step;
-    const char* message;
-};
 class Tun6CreationStops : public Tun6Test, public testing::WithParamInterface<FailingStep> {};
 
 TEST_P(Tun6CreationStops, AtTheFirstFailingStep) {
@@ -181,7 +178,7 @@ TEST_F(Tun6Test, SetupTun6SelectsAndReturnsAsItsIpv4Sibling) {
 }
 
 TEST_F(Tun6Test, RoutesGoToTheTableOfTheirType) {
-    const std::string add = std::string(R"({"add": [)") + kGood + "]}";
+    const std::string add = std::string(R"({"add": [)") + kGood6 + "]}";
     for (const auto& [type, bit, table] :
          {std::tuple{"s2s6", 1, 10004}, std::tuple{"mptcp6", 2, 20004}, std::tuple{"default6", 4, 30004}}) {
         EXPECT_EQ(route(type, add), 0);
@@ -202,7 +199,7 @@ TEST_F(Tun6Test, WeightsAreCarriedInTheRecord) {
 TEST_F(Tun6Test, EveryElementGoesToEveryWanAndDeletionsToThoseWithoutAddressToo) {
     entry("wan1", R"({"slave": "eth1", "id": 5, "tun_addr": "198.19.0.51"})");
     EXPECT_EQ(route("s2s6", std::string(R"({"del": [{"SITE": "8", "DEST": "fd00:8::/32"}], "add": [)") +
-                                kGood + "]}"),
+                                kGood6 + "]}"),
               0);
     EXPECT_THAT(calls, UnorderedElementsAre("edit_route6 2 fd00:8::/32 table=10004 metric=8",
                                             "edit_route6 2 fd00:8::/32 table=10005 metric=8",
@@ -251,7 +248,7 @@ TEST_F(Tun6Test, BadElementsFailAloneAndSaySo) {
         R"({"SITE": "1", "DEST": "fd00::/64", "RTA_GATEWAY": "fd00::9"})",
     };
     for (const char* element : failing) {
-        EXPECT_EQ(route("s2s6", std::string(R"({"add": [)") + element + "," + kGood + "]}"), -3011)
+        EXPECT_EQ(route("s2s6", std::string(R"({"add": [)") + element + "," + kGood6 + "]}"), -3011)
             << element;
         EXPECT_THAT(calls, ElementsAre(HasSubstr("edit_route6 0 fd00:9::/32 "))) << element;
         EXPECT_THAT(errors(), ElementsAre(HasSubstr("[ERROR] edit route6 failed. op: 0, count: 1DST [")))
@@ -267,7 +264,7 @@ TEST_F(Tun6Test, BadElementsFailAloneAndSaySo) {
 
 TEST_F(Tun6Test, NoMemoryForANextHopFailsTheElement) {
     hops_left = 0;
-    EXPECT_EQ(route("s2s6", std::string(R"({"add": [)") + kGood + "]}"), -3011);
+    EXPECT_EQ(route("s2s6", std::string(R"({"add": [)") + kGood6 + "]}"), -3011);
     EXPECT_THAT(errors(),
                 ElementsAre("[ERROR] edit route6 failed. op: 0, count: 1DST [fd00:9::/32], table: 10004, "
                             "metric: 9"));
@@ -297,7 +294,7 @@ TEST_F(Tun6Test, UnknownTypeBitIsRefused) {
 
 TEST_F(Tun6Test, HandlersReturnTheNumberOfFailures) {
     Json::Value root;
-    Json::Value list = json(std::string("[") + kGood + ",5," + kGood + "]");
+    Json::Value list = json(std::string("[") + kGood6 + ",5," + kGood6 + "]");
     V6TunRo routes(root, entries);
     EXPECT_EQ(routes.setup_ipv6_s2s_route(list, 0), 1);
     EXPECT_EQ(routes.setup_ipv6_mptcp_route(list, 0), 1);

@@ -34,7 +34,7 @@ protected:
     }
 };
 
-constexpr const char* kGood = R"({"SITE": "9", "DEST": "10.9.0.0/16", "RTA_GATEWAY": ["198.19.0.9"]})";
+constexpr const char* kTunElement = R"({"SITE": "9", "DEST": "10.9.0.0/16", "RTA_GATEWAY": ["198.19.0.9"]})";
 
 TEST_F(TunRoutes, NumberingGivesEveryTypeItsBitAndBase) {
     using namespace corvo::tunnel;
@@ -86,12 +86,12 @@ TEST_F(TunRoutes, WeightIsNotReadWithASingleGateway) {
 
 TEST_F(TunRoutes, PathMetricsDependOnTheTable) {
     for (const int base : {10000, 15000}) {
-        add(kGood, base);
+        add(kTunElement, base);
         EXPECT_THAT(calls, ElementsAre(HasSubstr("table=" + std::to_string(base + 5) +
                                                  " metric=9 lock=260 mtu=1342 mss=1290")));
     }
     for (const int base : {20000, 30000}) {
-        add(kGood, base);
+        add(kTunElement, base);
         EXPECT_THAT(calls, ElementsAre(HasSubstr("table=" + std::to_string(base + 5) +
                                                  " metric=9 lock=260 mtu=1374 mss=1302")));
     }
@@ -103,17 +103,18 @@ TEST_F(TunRoutes, DeletionFlushesWhatMatchesAndReadsNoGateways) {
 }
 
 TEST_F(TunRoutes, DeletionsComeBeforeAdditions) {
-    EXPECT_EQ(
-        route(std::string(R"({"add": [)") + kGood + R"(], "del": [{"SITE": "8", "DEST": "10.8.0.0/16"}]})"),
-        0);
+    EXPECT_EQ(route(std::string(R"({"add": [)") + kTunElement +
+                    R"(], "del": [{"SITE": "8", "DEST": "10.8.0.0/16"}]})"),
+              0);
     EXPECT_THAT(calls,
                 ElementsAre(HasSubstr("edit_route 2 10.8.0.0/16"), HasSubstr("edit_route 0 10.9.0.0/16")));
 }
 
 TEST_F(TunRoutes, FailedDeletionsAreLoggedAndIgnored) {
     fail("edit_route 2", -3010);
-    EXPECT_EQ(
-        route(std::string(R"({"del": [{"SITE": "8", "DEST": "10.8.0.0/16"}], "add": [)") + kGood + "]}"), 0);
+    EXPECT_EQ(route(std::string(R"({"del": [{"SITE": "8", "DEST": "10.8.0.0/16"}], "add": [)") + kTunElement +
+                    "]}"),
+              0);
     EXPECT_THAT(errors(),
                 ElementsAre("[ERROR] Edit Route failed, ret: -3010, result: Unspecific failureop: 2 dst: "
                             "10.8.0.0/16, table: 10005, prio: 8",
@@ -141,7 +142,7 @@ TEST_F(TunRoutes, FailedAdditionsAreCountedAndTheRestGoesOn) {
 
 TEST_F(TunRoutes, ExistingRouteOnAdditionIsASuccessWithAWarning) {
     fail("edit_route", -6);
-    EXPECT_EQ(add(kGood), 0);
+    EXPECT_EQ(add(kTunElement), 0);
     EXPECT_THAT(errors(), ElementsAre("[WARNING] Route Exist. dst: 10.9.0.0/16, table: 10005, prio: 9"));
 }
 
@@ -167,7 +168,7 @@ TEST_F(TunRoutes, CountMismatchSkipsWithoutCounting) {
     EXPECT_EQ(add(std::string(R"({"SITE": "1", "DEST": "1.0.0.0/8", "RTA_GATEWAY": ["1.1.1.1", "1.1.1.2"],
                                   "WEIGHT": ["1"]},
                                  {"SITE": "1", "DEST": "1.0.0.0/8", "RTA_GATEWAY": ["1.1.1.1", "1.1.1.2"]},)") +
-                  kGood),
+                  kTunElement),
               0);
     EXPECT_EQ(calls.size(), 1u);
     EXPECT_THAT(log(), ElementsAre("[ERROR] Gateway number does not equal to Weight number.",
@@ -181,7 +182,7 @@ TEST_F(TunRoutes, DestinationThatIsNoNetworkSkipsWithoutCounting) {
                                  {"SITE": "1", "DEST": "10.0.0.1/-8", "RTA_GATEWAY": ["1.1.1.1"]},
                                  {"SITE": "1", "DEST": "10.0.0.999/24", "RTA_GATEWAY": ["1.1.1.1"]},
                                  {"SITE": "1", "DEST": "/24", "RTA_GATEWAY": ["1.1.1.1"]},)") +
-                  kGood),
+                  kTunElement),
               0);
     EXPECT_EQ(calls.size(), 1u);
     EXPECT_THAT(log(), ElementsAre("[ERROR] DST netaddr transform failed, IP: 0.0.0.0prefix: 0",
@@ -203,7 +204,7 @@ TEST_F(TunRoutes, DefaultAndHostDestinationsHaveNoLength) {
 TEST_F(TunRoutes, TextsThatDoNotFitFailTheElementAndAreNeverCut) {
     EXPECT_EQ(add(std::string(R"({"SITE": "1", "DEST": "192.168.100.1000", "RTA_GATEWAY": ["1.1.1.1"]},
                                  {"SITE": "2", "DEST": "10.0.0.0/8", "RTA_GATEWAY": ["192.168.100.1000"]},)") +
-                  kGood),
+                  kTunElement),
               -3011);
     EXPECT_EQ(calls.size(), 1u);
     EXPECT_THAT(log(),
@@ -232,7 +233,7 @@ TEST_F(TunRoutes, WronglyTypedElementsFailAloneAndSaySo) {
         "{\"SITE\": \"1\", \"DEST\": \"10.0.0.1\\u0000x\", \"RTA_GATEWAY\": [\"1.1.1.1\"]}",
     };
     for (const char* element : bad) {
-        EXPECT_EQ(add(std::string(element) + "," + kGood), -3011) << element;
+        EXPECT_EQ(add(std::string(element) + "," + kTunElement), -3011) << element;
         EXPECT_THAT(calls, ElementsAre(HasSubstr("edit_route 0 10.9.0.0/16 "))) << element;
         EXPECT_THAT(log(), ElementsAre(HasSubstr("[ERROR] edit route failed. op: 0, count: 1DST [")))
             << element;
@@ -250,7 +251,7 @@ TEST_F(TunRoutes, NumbersAreReadAsTheirTexts) {
 
 TEST_F(TunRoutes, NoMemoryForANextHopFailsTheElement) {
     hops_left = 1;
-    EXPECT_EQ(add(std::string(kGood) + "," + kGood), -3011);
+    EXPECT_EQ(add(std::string(kTunElement) + "," + kTunElement), -3011);
     EXPECT_EQ(calls.size(), 1u);
     EXPECT_THAT(log(),
                 ElementsAre("[ERROR] edit route failed. op: 0, count: 1DST [10.9.0.0/16], table: 10005, "
@@ -259,7 +260,7 @@ TEST_F(TunRoutes, NoMemoryForANextHopFailsTheElement) {
 
 TEST_F(TunRoutes, SessionThatDoesNotOpenFailsEveryElement) {
     open_result = -3009;
-    EXPECT_EQ(add(kGood), -3011);
+    EXPECT_EQ(add(kTunElement), -3011);
     EXPECT_THAT(log(),
                 ElementsAre("[ERROR] Edit Route failed, ret: -3009, result: Unspecific failureop: 0 dst: "
                             "10.9.0.0/16, table: 10005, prio: 9",
@@ -300,7 +301,7 @@ TEST_F(TunRoutes, LogLinesOfALongListComeInTheOrderOfItsElements) {
 }
 
 TEST_F(TunRoutes, UnknownTableBaseIsRefused) {
-    EXPECT_EQ(add(kGood, 12345), -3004);
+    EXPECT_EQ(add(kTunElement, 12345), -3004);
     EXPECT_THAT(errors(), ElementsAre("[ERROR] Unkown route table id."));
     EXPECT_THAT(calls, IsEmpty());
 }
@@ -331,7 +332,7 @@ TEST_F(TunRoutes, SetupRouteChecksItsArgumentsInOrder) {
 }
 
 TEST_F(TunRoutes, TunnelWithoutADeviceOrAnAddressIsPassedOver) {
-    std::string conf = document(std::string(R"({"add": [)") + kGood + "]}");
+    std::string conf = document(std::string(R"({"add": [)") + kTunElement + "]}");
     devices.clear();
     Tun absent = tun();
     clear();
@@ -390,7 +391,7 @@ TEST_F(TunRoutes, SetupTunRouteRefusesUnknownTypesFirst) {
 }
 
 TEST_F(TunRoutes, SetupTunRouteInstallsForTheWantedType) {
-    const std::string conf = document(std::string(R"({"add": [)") + kGood + "]}");
+    const std::string conf = document(std::string(R"({"add": [)") + kTunElement + "]}");
     EXPECT_EQ(setup("mptcp", conf, "wan0"), 0);
     EXPECT_EQ(asked, "wan /etc/networkmanagement/device_info.json 1");
     EXPECT_THAT(log(), Contains("[DEBUG] Route type: 4"));
@@ -401,7 +402,7 @@ TEST_F(TunRoutes, SetupTunRouteInstallsForTheWantedType) {
 }
 
 TEST_F(TunRoutes, SetupTunRouteMatchesTheNameOnly) {
-    const std::string conf = document(std::string(R"({"add": [)") + kGood + "]}");
+    const std::string conf = document(std::string(R"({"add": [)") + kTunElement + "]}");
     EXPECT_EQ(setup("s2s", conf, "eth0"), 0);
     EXPECT_THAT(calls, IsEmpty());
     EXPECT_THAT(errors(), ElementsAre("[ERROR] Could not find [eth0] in available_wan_info map!"));
@@ -410,7 +411,7 @@ TEST_F(TunRoutes, SetupTunRouteMatchesTheNameOnly) {
 TEST_F(TunRoutes, ResultForAllLinksIsThatOfTheLastOne) {
     entry("wan1", R"({"slave": "eth1", "id": 6, "tun_addr": "198.19.0.51"})");
     devices["tun6"] = 13;
-    const std::string conf = document(std::string(R"({"add": [)") + kGood + "]}");
+    const std::string conf = document(std::string(R"({"add": [)") + kTunElement + "]}");
     // The order of the map decides which is the last.
     const std::string last = std::next(entries.begin())->first == "wan0" ? "10005" : "10006";
     const std::string first = last == "10005" ? "10006" : "10005";

@@ -6,6 +6,7 @@
 
 #include "fake_device.h"
 
+using corvo::test::FailingStep;
 using corvo::test::FakeDevice;
 using corvo::test::json;
 using testing::Contains;
@@ -168,10 +169,6 @@ TEST_F(TunTest, CreationRunsItsStepsInOrder) {
                     "edit_rule 0 prio=20003 table=20003 oif=tun3", "edit_rule 0 prio=30003 table=30003"));
 }
 
-struct FailingStep {
-    const char* step;
-    const char* message;
-};
 class TunCreationStops : public TunTest, public testing::WithParamInterface<FailingStep> {};
 
 TEST_P(TunCreationStops, AtTheFirstFailingStepAndLeavesWhatWasDone) {
