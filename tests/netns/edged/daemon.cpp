@@ -100,12 +100,19 @@ Json::Value daemon_state() {
     return reply.isObject() ? reply["data"] : Json::Value();
 }
 
-std::string link_status(const std::string& name) {
-    const Json::Value state = daemon_state();
+namespace {
+
+std::string status_of(const Json::Value& state, const std::string& name) {
     if (!state.isObject()) return {};
     for (const auto& link : state["links"])
         if (link["ifname"] == name) return link["status"].asString();
     return {};
+}
+
+}  // namespace
+
+std::string link_status(const std::string& name) {
+    return status_of(daemon_state(), name);
 }
 
 bool wait_for_links(const std::string& status1, const std::string& status2, std::chrono::milliseconds limit) {
@@ -113,9 +120,10 @@ bool wait_for_links(const std::string& status1, const std::string& status2, std:
         [&] {
             const Json::Value state = daemon_state();
             return state.isObject() && state["ready"].asBool() && !state["stand_in_route"].asBool() &&
-                   link_status("eth1") == status1 && link_status("eth2") == status2;
+                   status_of(state, "eth1") == status1 && status_of(state, "eth2") == status2;
         },
-        limit);
+        limit,
+        std::chrono::milliseconds(50));  // the answer costs the daemon the time that it is to become ready in
 }
 
 ToolResult corvoctl(const std::vector<std::string>& arguments) {
