@@ -31,8 +31,6 @@ constexpr int kFirst = 2;
 constexpr int kLinks = 8;
 constexpr int kHubs = 4;
 
-constexpr bool kMemoryCounts = !kSanitized;
-
 unsigned long setting(const char* name, unsigned long by_default) {
     const char* chosen = std::getenv(name);
     return chosen != nullptr ? std::strtoul(chosen, nullptr, 10) : by_default;
@@ -372,7 +370,7 @@ protected:
                           << " descriptors became " << now.held.descriptors.size() << ", "
                           << first.held.threads << " threads " << now.held.threads << ", " << first.sockets
                           << " netlink sockets " << now.sockets;
-        if (kMemoryCounts) {
+        if (!kSanitized) {
             EXPECT_LE(now.memory, first.memory + 4096)
                 << "kB of memory, seed " << seed_ << ", step " << steps_;
         }

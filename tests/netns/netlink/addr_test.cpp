@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <climits>
+#include <cstring>
 #include <thread>
+#include <vector>
 
 #include "corvosetup/link.h"
 #include "netlink/link_message.h"
@@ -34,9 +36,10 @@ protected:
         return found;
     }
     std::string get() {
-        char text[64] = "untouched";
-        last_ = get_ipv4_addr(index_, text);
-        return text;
+        std::vector<char> text(19);  // what the call asks for, and on the heap, where a byte too many is seen
+        std::strcpy(text.data(), "untouched");
+        last_ = get_ipv4_addr(index_, text.data());
+        return text.data();
     }
     using Texts = std::vector<std::string>;
 

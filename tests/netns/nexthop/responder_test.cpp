@@ -235,7 +235,7 @@ TEST_F(Responder, BeginsAgainWhileChildrenAreStarted) {
             while (!enough) run_command_quiet({"/bin/true"});
         });
     ProcUdp udp(dev);
-    constexpr int kRounds = kSanitized ? 40 : 200;
+    const int kRounds = kSanitized ? 40 : 200;
     int rounds = 0;
     const auto refused = [] { return count_log("[ERROR] Server socket bind failed.") > 0; };
     while (rounds < kRounds && !refused() && udp.start() == 0) {

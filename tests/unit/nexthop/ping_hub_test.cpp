@@ -5,6 +5,7 @@
 #include "corvosetup/ping_test.h"
 #include "corvosetup/udp.h"
 #include "hub_fixture.h"
+#include "support/sanitized.h"
 
 namespace corvo::test {
 namespace {
@@ -105,7 +106,8 @@ TEST_F(PingHubTest, DecisionOver2000SitesTakesItsWaitsAndNoMore) {
     EXPECT_THAT(lines().back(), "[ERROR] Can't find next active hop for 10");
     EXPECT_EQ(kernel.count("sendto"), 3U);  // the current hub and two candidates
     EXPECT_GE(watch.elapsed(), 6000ms);
-    EXPECT_LT(watch.elapsed(), 6800ms);
+    // (a wait more would be two seconds)
+    EXPECT_LT(watch.elapsed(), corvo::test::kSanitized ? 7900ms : 6800ms);
 }
 
 TEST_F(PingHubTest, FailuresOf2000HubsTakeNoWaiting) {
@@ -114,7 +116,9 @@ TEST_F(PingHubTest, FailuresOf2000HubsTakeNoWaiting) {
     const Stopwatch watch;
     run();
     EXPECT_EQ(kernel.count("sendto"), 2001U);
-    EXPECT_LT(watch.elapsed(), 4000ms);
+    if (!corvo::test::kSanitized) {
+        EXPECT_LT(watch.elapsed(), 4000ms);
+    }
     std::cout << "2000 hubs that fail at once: " << watch.elapsed().count() << " ms\n";
 }
 
