@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <random>
+#include <regex>
 
 #include "foundation/json.h"
 #include "netns/edged/edge.h"
@@ -54,6 +55,18 @@ protected:
         Json::Value steps = daemon_state()["failed_steps"];
         for (const char* part : {"ipv4", "mptcp"}) steps.removeMember(std::string("presetup:") + part);
         return corvo::compact_json(steps);
+    }
+    // Without the numbers that the kernel gives to filters' actions and tables: what was taken down gives its
+    // own back only a moment later.
+    static std::vector<std::string> numbered_alike(std::vector<std::string> lines) {
+        static const std::regex kIndex("\tindex [0-9]+ ");
+        static const std::regex kTable("\\b(fh|ht) 8[0-9a-f]{2}:?");
+        for (auto& line : lines) {
+            if (!line.starts_with("tc filter")) continue;
+            line = std::regex_replace(line, kIndex, "\tindex N ");
+            line = std::regex_replace(line, kTable, "$1 N");
+        }
+        return lines;
     }
     static bool up() { return wait_for_links("up", "up", 60s); }
     static bool reload() { return corvoctl({"reload"}).status == 0; }
@@ -203,11 +216,11 @@ TEST_F(EdgedTunnels, KilledAtAnyMomentOfTheBringUpAndStartedAgainEndsTheSame) {
     {
         Daemon daemon;
         ASSERT_TRUE(up());
-        wanted = kernel_state();
+        wanted = numbered_alike(kernel_state());
     }
     const char* kills = ::getenv("CORVO_KILLS");
     std::mt19937 random{std::random_device()()};
-    for (int i = 0; i < (kills != nullptr ? std::atoi(kills) : 3); ++i) {
+    for (int i = 0; i < (kills != nullptr ? std::atoi(kills) : 2); ++i) {
         {
             Daemon daemon({.arguments = {"--clear-on-exit"}});
             ASSERT_TRUE(up());
@@ -222,7 +235,7 @@ TEST_F(EdgedTunnels, KilledAtAnyMomentOfTheBringUpAndStartedAgainEndsTheSame) {
         }
         Daemon daemon;
         ASSERT_TRUE(up()) << corvo::compact_json(daemon_state());
-        EXPECT_THAT(kernel_state(), ElementsAreArray(wanted));
+        EXPECT_THAT(numbered_alike(kernel_state()), ElementsAreArray(wanted));
     }
 }
 

@@ -76,7 +76,7 @@ int next_point(int n, bool slow) {
 std::chrono::seconds time_to_walk() {
     if (all_points()) return std::chrono::hours(24);
     const char* wish = std::getenv("CORVO_FAULT_SECONDS");
-    return std::chrono::seconds(wish != nullptr ? std::atoi(wish) : 20);
+    return std::chrono::seconds(wish != nullptr ? std::atoi(wish) : 12);
 }
 
 // One way of failing on its way along the call.

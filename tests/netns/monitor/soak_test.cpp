@@ -14,11 +14,13 @@
 #include <numeric>
 #include <random>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "corvosetup/log.h"
 #include "corvosetup/ping_test.h"
 #include "corvosetup/wm_obj.h"
+#include "nexthop/udp_message.h"
 #include "support/sanitized.h"
 #include "wan.h"
 
@@ -343,6 +345,22 @@ protected:
 
     static Holdings holdings() { return {Held::now(), netlink_sockets(), resident_kilobytes()}; }
 
+    // Responders that answer, by their port. One whose port a child that is just starting still holds tries
+    // again later.
+    static int responders() {
+        std::istringstream table(read_file("/proc/net/udp"));
+        char port[8];
+        std::snprintf(port, sizeof(port), ":%04X", kProbePort);
+        int count = 0;
+        for (std::string line; std::getline(table, line);) {
+            std::istringstream words(line);
+            std::string number, local;
+            words >> number >> local;
+            count += local.ends_with(port) ? 1 : 0;
+        }
+        return count;
+    }
+
     // Every link up and every monitor new: a responder that was started on a dead link has ended, for one.
     void come_to_rest() {
         services->forget();
@@ -352,6 +370,7 @@ protected:
             replace_monitor(number);
         }
         expect_world("all links up");
+        EXPECT_TRUE(wait_until([] { return responders() == kLinks; }, 20s)) << responders() << " responders";
         set_period(500ms);
         std::this_thread::sleep_for(period_ * 4);
     }
